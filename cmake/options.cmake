@@ -1,0 +1,30 @@
+option(SPARKLEKVZ_SANITIZE "Build everything with AddressSanitizer and UndefinedBehaviorSanitizer" OFF)
+option(SPARKLEKVZ_COVERAGE "Build the product with source-based coverage" OFF)
+
+add_library(instrumentation INTERFACE)
+if(SPARKLEKVZ_SANITIZE)
+  set(sanitizers -fsanitize=address,undefined -fno-sanitize-recover=undefined -shared-libsan
+                 -fno-omit-frame-pointer)
+  target_compile_options(instrumentation INTERFACE ${sanitizers})
+  target_link_options(instrumentation INTERFACE ${sanitizers})
+endif()
+if(SPARKLEKVZ_COVERAGE)
+  target_link_options(instrumentation INTERFACE -fprofile-instr-generate)
+endif()
+
+add_library(warnings INTERFACE)
+target_compile_options(warnings INTERFACE -Wall -Wextra -Werror)
+
+# 32-bit GNUstep Base with native Objective-C exceptions.
+set(GNUSTEP_ROOT "${CMAKE_SYSROOT}/usr")
+add_library(gnustep INTERFACE)
+target_compile_options(gnustep INTERFACE
+  -fexceptions
+  $<$<COMPILE_LANGUAGE:OBJC,OBJCXX>:-fobjc-runtime=gcc>
+  $<$<COMPILE_LANGUAGE:OBJC,OBJCXX>:-fobjc-exceptions>
+  $<$<COMPILE_LANGUAGE:OBJC,OBJCXX>:-fconstant-string-class=NSConstantString>)
+target_compile_definitions(gnustep INTERFACE _NATIVE_OBJC_EXCEPTIONS)
+target_include_directories(gnustep SYSTEM INTERFACE
+  "${GNUSTEP_ROOT}/include/GNUstep" "${GNUSTEP_ROOT}/lib/gcc/i686-linux-gnu/12/include")
+target_link_directories(gnustep INTERFACE "${GNUSTEP_ROOT}/lib")
+target_link_libraries(gnustep INTERFACE gnustep-base objc)

@@ -1,0 +1,94 @@
+#include "convert/dates.h"
+
+#include "plugin/failure.h"
+
+#include <stdio.h>
+#include <string.h>
+
+namespace {
+
+// The host's fields, in its order, and the message that reads each from a calendar date.
+struct DateField {
+  const char* name;
+  SEL (*message)();
+};
+
+constexpr int kFieldCount = 6;
+constexpr DateField dateFields[kFieldCount] = {{"Year", operator""_sel<"yearOfCommonEra"> },
+                                                {"Month", operator""_sel<"monthOfYear"> },
+                                                 {"Day", operator""_sel<"dayOfMonth"> },
+                                                  {"Hour", operator""_sel<"hourOfDay"> },
+                                                   {"Minute", operator""_sel<"minuteOfHour"> },
+                                                    {
+                                                        "Second",
+                                                        operator""_sel<"secondOfMinute"> },
+                                                   };
+
+constexpr std::int32_t kLargestMemoryBlock = 0x7FFFFFFE;
+
+void raiseOutOfMemory(std::int32_t size) {
+  char message[200];
+  snprintf(message, sizeof message, "Failed to allocate a memoryblock with %lld bytes in size.",
+           static_cast<long long>(size));
+  RaiseException("OutOfMemoryException", message, 0);
+}
+
+} // namespace
+
+bool readDateFields(_REALdate* date, DateFields* fields) {
+  if (!date) return false;
+  *fields = {};
+  for (int i = 0; i < kFieldCount; ++i) {
+    if (!REALGetPropValueInt32(asHostObject(date), dateFields[i].name, &fields->values[i])) {
+      return false;
+    }
+  }
+  return true;
+}
+
+id makeNSDate(const DateFields& fields) {
+  const auto& [year, month, day, hour, minute, second] = fields.values;
+  id zone = send<id>("NSTimeZone"_class, "localTimeZone"_sel);
+  return send<id>("NSCalendarDate"_class, "dateWithYear:month:day:hour:minute:second:timeZone:"_sel,
+                  year, month, day, hour, minute, second, zone);
+}
+
+id NewNSDate(_REALdate* date) {
+  DateFields fields;
+  return readDateFields(date, &fields) ? makeNSDate(fields) : nullptr;
+}
+
+REALobjectStruct* NSDateRB(id date) {
+  if (!date) return nullptr;
+  id calendarDate = send<id>(send<id>("NSCalendarDate"_class, "alloc"_sel),
+                             "initWithTimeIntervalSinceReferenceDate:"_sel,
+                             send<double>(date, "timeIntervalSinceReferenceDate"_sel));
+  if (!send<id>(calendarDate, "autorelease"_sel)) return nullptr;
+  std::int32_t values[kFieldCount];
+  for (int i = 0; i < kFieldCount; ++i) {
+    values[i] = send<std::int32_t>(calendarDate, dateFields[i].message());
+  }
+  REALobjectStruct* result = REALnewInstance("Date");
+  if (!result) return nullptr;
+  for (int i = 0; i < kFieldCount; ++i) {
+    REALSetPropValueInt32(result, dateFields[i].name, values[i]);
+  }
+  return result;
+}
+
+REALobjectStruct* NSDataRB(id data) {
+  if (!data) return nullptr;
+  const void* bytes = send<const void*>(data, "bytes"_sel);
+  auto length = send<std::int32_t>(data, "length"_sel);
+  if (!bytes || length < 1) return nullptr;
+  REALmemoryBlockStruct* block =
+      length <= kLargestMemoryBlock ? REALNewMemoryBlockOriginal(length) : nullptr;
+  if (!block) {
+    raiseOutOfMemory(length);
+    return nullptr;
+  }
+  void* target = REALMemoryBlockGetPtr(block);
+  if (!target) return nullptr;
+  memcpy(target, bytes, static_cast<std::size_t>(length));
+  return asHostObject(block);
+}

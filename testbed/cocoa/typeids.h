@@ -1,0 +1,78 @@
+/* Core Foundation type identifiers, and objects for tests that have one.
+ *
+ * GNUstep's objects do not answer _cfTypeID. The objects made here do, as CF objects of Mac OS X
+ * do, and CFGetTypeID of one gives what its _cfTypeID answers. Threads: any. Ownership: the
+ * functions that make an object answer it with one reference, which the caller releases.
+ */
+#pragma once
+
+#include <objc/objc.h>
+
+/* The function of each row is NAMEGetTypeID; the library exports every one of them. */
+#define TYPEID_ROWS(ROW)                                                                           \
+  ROW(CFURL)                                                                                       \
+  ROW(CFDictionary)                                                                                \
+  ROW(CFString)                                                                                    \
+  ROW(CFNumber)                                                                                    \
+  ROW(CFArray)                                                                                     \
+  ROW(CFBoolean)                                                                                   \
+  ROW(CFData)                                                                                      \
+  ROW(CFCharacterSet)                                                                              \
+  ROW(CFBundle)                                                                                    \
+  ROW(CFSet)                                                                                       \
+  ROW(CFBag)                                                                                       \
+  ROW(CFUUID)                                                                                      \
+  ROW(CFTimeZone)                                                                                  \
+  ROW(CFDate)                                                                                      \
+  ROW(CFAttributedString)                                                                          \
+  ROW(CFError)                                                                                     \
+  ROW(CGPSConverter)                                                                               \
+  ROW(CGContext)                                                                                   \
+  ROW(CGColorSpace)                                                                                \
+  ROW(CGColor)                                                                                     \
+  ROW(CGImage)                                                                                     \
+  ROW(CGLayer)                                                                                     \
+  ROW(CGFont)                                                                                      \
+  ROW(CGDataConsumer)                                                                              \
+  ROW(CGDataProvider)                                                                              \
+  ROW(CTFont)                                                                                      \
+  ROW(CTFontCollection)                                                                            \
+  ROW(CTFrame)                                                                                     \
+  ROW(CTFramesetter)                                                                               \
+  ROW(CTGlyphInfo)                                                                                 \
+  ROW(CTLine)                                                                                      \
+  ROW(CTParagraphStyle)                                                                            \
+  ROW(CTRun)                                                                                       \
+  ROW(CTRunDelegate)                                                                               \
+  ROW(CTTypesetter)
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The identifier that the function NAME ("CFURLGetTypeID") answers, or 0 for a name that no row
+ * has. Every row has one of its own, above 0. */
+unsigned long typeids_of(const char* name);
+
+/* An identifier above 0 that no row has. */
+unsigned long typeids_of_no_row(void);
+
+/* An object whose _cfTypeID is TYPE, whatever that is: an identifier from above, or 0. */
+id typeids_object(unsigned long type);
+
+typedef enum { TYPEIDS_NSEXCEPTION, TYPEIDS_OTHER_OBJECT } typeids_thrown;
+
+/* Lets the object throw. ON is the place: "_cfTypeID" throws whenever that message arrives,
+ * "CFGetTypeID" lets the message through and throws in that function, "retain" throws whenever it
+ * is retained, by CFRetain, CGImageRetain or a message. */
+void typeids_throw(id object, const char* on, typeids_thrown what);
+
+/* How often the object made above was retained and released, and how often by CGImageRetain. */
+typedef struct {
+  unsigned retains, releases, image_retains;
+} typeids_counts;
+typeids_counts typeids_count(id object);
+
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,144 @@
+#include "road.h"
+
+#include "testbed/host/host.h"
+#include "testbed/sparkle/SUStep.h"
+
+#include <atomic>
+#include <cstdio>
+#include <mutex>
+#include <unistd.h>
+
+namespace {
+
+std::mutex mutex;
+bool colours;
+int steps;
+road::Failure lastFailure;
+std::atomic<bool> cycleEnded;
+std::atomic<int> process;
+
+struct Look {
+  const char* name;
+  const char* colour;
+};
+constexpr Look looks[] = {
+    {"program", "\033[32m"},
+    {"plug-in", "\033[36m"},
+    {"framework", "\033[33m"},
+    {"server", "\033[35m"},
+    {"", ""},
+};
+
+const char* paint(const char* code) { return colours ? code : ""; }
+
+std::string threadName() {
+  if ([NSThread isMainThread]) return "main";
+  NSString* name = [[NSThread currentThread] name];
+  return [name length] ? [name UTF8String] : host::currentThread().name();
+}
+
+// "LoadFramework(path as folderitem) as boolean" is LoadFramework to a reader.
+std::string memberName(const std::string& declaration) {
+  return declaration.substr(0, declaration.find_first_of(" ("));
+}
+
+std::string listed(const std::vector<std::string>& values) {
+  std::string text;
+  for (const std::string& value : values) text += (text.empty() ? "" : ", ") + value;
+  return text;
+}
+
+void printStep(const host::Step& step) {
+  using road::Actor;
+  std::string values = listed(step.values);
+  switch (step.kind) {
+  case host::Step::pluginLoaded:
+    return road::line(Actor::program, "loads the plug-in " + step.member + step.className);
+  case host::Step::classRegistered:
+    return road::line(Actor::plugin, "registers the class " + step.className);
+  case host::Step::memberCalled:
+    return road::line(Actor::program, "calls " + step.className + "." + memberName(step.member) +
+                                          (values.empty() ? "" : " with " + values));
+  case host::Step::memberReturned:
+    if (values.empty()) return;
+    return road::line(Actor::plugin, "answers " + memberName(step.member) + " with " + values);
+  case host::Step::eventRaised:
+    return road::line(Actor::plugin, "raises the event " + memberName(step.member) +
+                                         (values.empty() ? "" : " with " + values));
+  case host::Step::eventAnswered:
+    if (values.empty()) return;
+    return road::line(Actor::program, "answers " + memberName(step.member) + " with " + values);
+  case host::Step::exceptionRaised:
+    return road::line(Actor::plugin, "raises the exception " + step.className + ": " + values);
+  case host::Step::operation:
+    return;
+  }
+}
+
+} // namespace
+
+@interface RoadObserver : NSObject
+- (void)step:(NSNotification*)notification;
+@end
+
+@implementation RoadObserver
+- (void)step:(NSNotification*)notification {
+  NSDictionary* info = [notification userInfo];
+  NSString* step = [info objectForKey:@"step"];
+  NSString* detail = [info objectForKey:@"detail"];
+  if ([step isEqual:SUStepDelegate]) {
+    road::line(road::Actor::framework, "tells its delegate " + std::string([detail UTF8String]));
+  } else {
+    road::line(road::Actor::framework, std::string([step UTF8String]) + ": " + [detail UTF8String]);
+  }
+  if ([step isEqual:SUStepRelaunching]) process = [[info objectForKey:@"pid"] intValue];
+  if ([step isEqual:SUStepFailed]) {
+    std::lock_guard lock(mutex);
+    lastFailure = {[[info objectForKey:@"failure"] UTF8String], [detail UTF8String]};
+  }
+  if ([step isEqual:SUStepFinished] || [step isEqual:SUStepFailed]) cycleEnded = true;
+}
+@end
+
+namespace road {
+
+void listen() {
+  colours = isatty(STDOUT_FILENO) && !getenv("NO_COLOR");
+  host::trace(printStep);
+  [[NSNotificationCenter defaultCenter] addObserver:[RoadObserver new]
+                                           selector:@selector(step:)
+                                               name:SUUpdaterStepNotification
+                                             object:nil];
+}
+
+void line(Actor actor, const std::string& text) {
+  const Look& look = looks[static_cast<int>(actor)];
+  std::string thread = threadName();
+  std::lock_guard lock(mutex);
+  printf("%s%3d  %-15s%s %s%-10s%s %s\n", paint("\033[2m"), ++steps, thread.c_str(),
+         paint("\033[0m"), paint(look.colour), look.name, paint("\033[0m"), text.c_str());
+  fflush(stdout);
+}
+
+void heading(const std::string& text) {
+  std::lock_guard lock(mutex);
+  printf("\n%s%s%s\n", paint("\033[1m"), text.c_str(), paint("\033[0m"));
+  fflush(stdout);
+}
+
+void verdict(bool good, const std::string& text) {
+  std::lock_guard lock(mutex);
+  printf("%s%s%s\n", paint(good ? "\033[1;32m" : "\033[1;31m"), text.c_str(), paint("\033[0m"));
+  fflush(stdout);
+}
+
+Failure failure() {
+  std::lock_guard lock(mutex);
+  return lastFailure;
+}
+
+bool ended() { return cycleEnded; }
+
+int startedProcess() { return process; }
+
+} // namespace road

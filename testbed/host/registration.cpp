@@ -1,0 +1,403 @@
+// Takes a plug-in's class definitions: raw 32-bit words at the positions that the interface version
+// prescribes. Whatever is not as prescribed ends the process with a message that names the word.
+#include "operations.h"
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+
+namespace host {
+
+namespace {
+
+namespace field {
+enum {
+  version,
+  name,
+  superName,
+  dataSize,
+  forSystemUse,
+  constructor,
+  destructor,
+  properties,
+  propertyCount,
+  methods,
+  methodCount,
+  events,
+  eventCount,
+  eventInstances,
+  eventInstanceCount,
+  interfaces,
+  bindDescriptions,
+  bindDescriptionCount,
+  constants,
+  constantCount,
+  flags,
+  sharedProperties,
+  sharedPropertyCount,
+  sharedMethods,
+  sharedMethodCount,
+  newerWords
+};
+}
+namespace property {
+enum {
+  group,
+  name,
+  type,
+  flags,
+  getter,
+  setter,
+  param,
+  editor,
+  enumCount,
+  enumEntries,
+  attributes
+};
+}
+namespace method {
+enum { function, setterFunction, declaration, flags, attributes };
+}
+namespace event {
+enum { declaration, forSystemUse, attributes };
+}
+namespace constant {
+enum { declaration, reserved1, reserved2, attributes };
+}
+
+struct Layout {
+  uint32_t record, property, method, event, constant;
+};
+constexpr Layout version9{25, 10, 4, 2, 3};
+constexpr Layout newer{29, 12, 6, 4, 5};
+const Layout& layoutOf(uint32_t version) { return version == 9 ? version9 : newer; }
+
+constexpr uint32_t direct = 0xFFFFFFFF; // getter and setter of a property the host reads itself
+
+struct TableFields {
+  Registered::Table table;
+  const char* name;
+  int array, count;
+  uint32_t Layout::*stride;
+};
+constexpr TableFields tables[] = {
+    {Registered::properties, "property", field::properties, field::propertyCount,
+     &Layout::property},
+    {Registered::methods, "method", field::methods, field::methodCount, &Layout::method},
+    {Registered::events, "event", field::events, field::eventCount, &Layout::event},
+    {Registered::constants, "constant", field::constants, field::constantCount, &Layout::constant},
+    {Registered::sharedProperties, "shared property", field::sharedProperties,
+     field::sharedPropertyCount, &Layout::property},
+    {Registered::sharedMethods, "shared method", field::sharedMethods, field::sharedMethodCount,
+     &Layout::method},
+};
+
+std::atomic<uint32_t> announced{0};
+
+struct Order {
+  std::vector<std::string> names;
+};
+Order& order() {
+  static auto* instance = new Order;
+  return *instance;
+}
+
+// What of this process may be read and run, so that a pointer taken from the wrong word is told
+// from a right one without touching it.
+class Memory {
+public:
+  Memory() {
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+      unsigned long start, end;
+      char permissions[5];
+      if (sscanf(line.c_str(), "%lx-%lx %4s", &start, &end, permissions) == 3)
+        parts_.push_back({start, end, permissions[0] == 'r', permissions[2] == 'x'});
+    }
+  }
+  bool readable(uint32_t start, uint32_t bytes) const {
+    for (const Part& part : parts_)
+      if (part.readable && start >= part.start && start < part.end) {
+        if (bytes <= part.end - start) return true;
+        bytes -= uint32_t(part.end - start);
+        start = uint32_t(part.end);
+      }
+    return false;
+  }
+  bool runnable(uint32_t address) const {
+    for (const Part& part : parts_)
+      if (part.runnable && address >= part.start && address < part.end) return true;
+    return false;
+  }
+  // Null when the word is no pointer to a text of at most 400 printable characters.
+  const char* text(uint32_t word) const {
+    for (uint32_t length = 0; length < 400 && readable(word + length, 1); ++length) {
+      auto c = reinterpret_cast<const unsigned char*>(uintptr_t(word))[length];
+      if (c == 0) return length ? reinterpret_cast<const char*>(uintptr_t(word)) : nullptr;
+      if (c < 0x20 || c == 0x7F) return nullptr;
+    }
+    return nullptr;
+  }
+
+private:
+  struct Part {
+    unsigned long start, end;
+    bool readable, runnable;
+  };
+  std::vector<Part> parts_;
+};
+
+// One record under examination.
+class Examination {
+public:
+  Examination(uint32_t* record, uint32_t version)
+      : version_(version), layout_(layoutOf(version)), record_(record) {
+    if (version == 0) fail("RegisterPluginVersion was not called before");
+    if (!record) fail("the record is null");
+    if (word(record) % 4) fail("the record is not aligned to 4 bytes");
+    if (!memory_.readable(word(record), layout_.record * 4)) fail("the record cannot be read");
+    words_.assign(record, record + layout_.record);
+    examine();
+  }
+
+  void enter() {
+    std::string superName = words_[field::superName] ? text(words_[field::superName]) : "";
+    Class* super = superName.empty() ? nullptr : findClass(superName);
+    if (!superName.empty() && !super)
+      fail("its superclass \"" + superName + "\" is unknown; register that first");
+    if (findClass(name_)) fail("a class of this name is registered already");
+    Class& type = addClass(name_, super, words_[field::dataSize]);
+    type.constructor = words_[field::constructor];
+    type.destructor = words_[field::destructor];
+    type.registered =
+        std::make_unique<Registered>(Registered{name_, superName, version_, record_, words_});
+    for (const TableFields& each : tables) enterTable(type, each);
+    record_[field::forSystemUse] = profile().dataOffset + type.dataStart;
+    Guard guard(hostMutex());
+    order().names.push_back(name_);
+  }
+
+private:
+  [[noreturn]] void fail(const std::string& what) {
+    die("PluginRegisterClass" + (name_.empty() ? "" : " of " + name_) + ": " + what);
+  }
+  static uint32_t word(const void* pointer) {
+    return uint32_t(reinterpret_cast<uintptr_t>(pointer));
+  }
+  const char* text(uint32_t word) const { return memory_.text(word); }
+  void require(bool holds, const std::string& what) {
+    if (!holds) fail(what);
+  }
+  std::string found(uint32_t word) {
+    char number[32];
+    snprintf(number, sizeof number, "0x%08X", word);
+    return std::string(", found ") + number;
+  }
+
+  void examine() {
+    require(words_[field::version] == version_, "word 0 must be the announced interface version " +
+                                                    std::to_string(version_) +
+                                                    found(words_[field::version]));
+    const char* name = text(words_[field::name]);
+    require(name, "word 1 must point to the class name" + found(words_[field::name]));
+    name_ = name;
+    require(!words_[field::superName] || text(words_[field::superName]),
+            "word 2 must be null or point to the superclass name" +
+                found(words_[field::superName]));
+    require(words_[field::dataSize] % 4 == 0 && words_[field::dataSize] <= 4096,
+            "word 3 must be a size in bytes, a multiple of 4 up to 4096" +
+                found(words_[field::dataSize]));
+    require(words_[field::forSystemUse] == 0,
+            "word 4 is the host's and must be 0" + found(words_[field::forSystemUse]));
+    for (int i : {field::constructor, field::destructor})
+      require(!words_[i] || memory_.runnable(words_[i]),
+              "word " + std::to_string(i) + " must be null or a function" + found(words_[i]));
+    for (int i : {field::eventInstances, field::eventInstanceCount, field::interfaces,
+                  field::bindDescriptions, field::bindDescriptionCount})
+      require(words_[i] == 0, "word " + std::to_string(i) + " must be 0" + found(words_[i]));
+    for (uint32_t i = field::newerWords; i < layout_.record; ++i)
+      require(words_[i] == 0, "word " + std::to_string(i) + " must be 0" + found(words_[i]));
+    for (const TableFields& each : tables) examineTable(each);
+  }
+
+  void examineTable(const TableFields& fields) {
+    uint32_t array = words_[fields.array], count = words_[fields.count];
+    uint32_t stride = layout_.*fields.stride;
+    std::string where = "word " + std::to_string(fields.array);
+    require(count <= 1000,
+            "word " + std::to_string(fields.count) + " must be a count of entries" + found(count));
+    require((array == 0) == (count == 0), where + " must be null exactly when its count is 0" +
+                                              found(array) + " with count " +
+                                              std::to_string(count));
+    require(array % 4 == 0, where + " must be aligned to 4 bytes" + found(array));
+    require(count == 0 || memory_.readable(array, count * stride * 4),
+            where + " must point to " + std::to_string(count) + " entries of " +
+                std::to_string(stride) + " words" + found(array));
+    for (uint32_t i = 0; i < count; ++i)
+      examineEntry(fields, i, reinterpret_cast<uint32_t*>(uintptr_t(array)) + i * stride);
+  }
+
+  void examineEntry(const TableFields& fields, uint32_t index, const uint32_t* entry) {
+    uint32_t stride = layout_.*fields.stride;
+    std::string where = std::string(fields.name) + " " + std::to_string(index) + " word ";
+    auto zero = [&](uint32_t i) {
+      require(entry[i] == 0, where + std::to_string(i) + " must be 0" + found(entry[i]));
+    };
+    auto function = [&](uint32_t i, bool optional) {
+      require((optional && entry[i] == 0) || memory_.runnable(entry[i]),
+              where + std::to_string(i) + " must be a function" + found(entry[i]));
+    };
+    auto declaration = [&](uint32_t i) {
+      const char* declared = text(entry[i]);
+      require(declared,
+              where + std::to_string(i) + " must point to a declaration" + found(entry[i]));
+      require(parseDeclaration(declared).has_value(),
+              where + std::to_string(i) + " is no declaration: " + quoted(declared));
+    };
+    switch (fields.table) {
+    case Registered::properties:
+    case Registered::sharedProperties:
+      require(!entry[property::group] || text(entry[property::group]),
+              where + "0 must be null or a text" + found(entry[property::group]));
+      for (uint32_t i : {property::name, property::type})
+        require(text(entry[i]), where + std::to_string(i) + " must be a text" + found(entry[i]));
+      for (uint32_t i : {property::getter, property::setter})
+        if (entry[i] != direct) function(i, i == property::setter);
+      if (entry[property::getter] == direct || entry[property::setter] == direct)
+        require(uint64_t(entry[property::param]) + 4 <= words_[field::dataSize],
+                where + "6 must be a place in the data" + found(entry[property::param]));
+      for (uint32_t i = property::editor; i < stride; ++i) zero(i);
+      break;
+    case Registered::methods:
+    case Registered::sharedMethods:
+      function(method::function, false);
+      function(method::setterFunction, true);
+      declaration(method::declaration);
+      for (uint32_t i = method::attributes; i < stride; ++i) zero(i);
+      break;
+    case Registered::events:
+      declaration(event::declaration);
+      for (uint32_t i = event::forSystemUse; i < stride; ++i) zero(i);
+      break;
+    case Registered::constants: {
+      const char* declared = text(entry[constant::declaration]);
+      require(declared && strchr(declared, '='),
+              where + "0 must point to \"name = value\"" + found(entry[constant::declaration]));
+      for (uint32_t i = constant::reserved1; i < stride; ++i) zero(i);
+      break;
+    }
+    }
+  }
+
+  void enterTable(Class& type, const TableFields& fields) {
+    Registered::Entries entries = type.registered->table(fields.table);
+    for (uint32_t i = 0; i < entries.count; ++i) {
+      auto* entry = const_cast<uint32_t*>(entries[i]);
+      switch (fields.table) {
+      case Registered::events: {
+        auto added = std::make_unique<EventType>(
+            EventType{*parseDeclaration(text(entry[event::declaration])), entry, &type});
+        entry[event::forSystemUse] = added->word();
+        type.events.push_back(std::move(added));
+        break;
+      }
+      case Registered::methods:
+      case Registered::sharedMethods:
+        type.members.push_back(std::make_unique<Member>(
+            Member{fields.table == Registered::methods ? Member::method : Member::sharedMethod,
+                   *parseDeclaration(text(entry[method::declaration])), entry, &type}));
+        break;
+      case Registered::properties:
+      case Registered::sharedProperties: {
+        std::string declared =
+            std::string(text(entry[property::name])) + " as " + text(entry[property::type]);
+        auto declaration = parseDeclaration(declared);
+        require(declaration.has_value(), "no declaration: " + quoted(declared));
+        type.members.push_back(std::make_unique<Member>(Member{
+            fields.table == Registered::properties ? Member::property : Member::sharedProperty,
+            *declaration, entry, &type}));
+        break;
+      }
+      case Registered::constants:
+        break;
+      }
+    }
+  }
+
+  Memory memory_;
+  uint32_t version_;
+  const Layout& layout_;
+  uint32_t* record_;
+  std::vector<uint32_t> words_;
+  std::string name_;
+};
+
+int32_t newestInterface() {
+  double version = profile().version;
+  return version >= 2013.03 ? 12 : version >= 2013.0 ? 11 : version >= 2012.0 ? 10 : 9;
+}
+
+} // namespace
+
+void resetRegistration() {
+  Guard guard(hostMutex());
+  announced = 0;
+  order().names.clear();
+}
+
+uint32_t announcedVersion() { return announced; }
+
+const Registered* registered(std::string_view name) {
+  Class* type = findClass(name);
+  return type ? type->registered.get() : nullptr;
+}
+
+std::vector<std::string> registrationOrder() {
+  Guard guard(hostMutex());
+  return order().names;
+}
+
+Registered::Entries Registered::table(Table table) const {
+  for (const TableFields& fields : tables)
+    if (fields.table == table)
+      return {reinterpret_cast<const uint32_t*>(uintptr_t(words[size_t(fields.array)])),
+              words[size_t(fields.count)], layoutOf(version).*fields.stride};
+  return {};
+}
+
+std::vector<std::string> Registered::declarations(Table table) const {
+  int position = table == methods || table == sharedMethods         ? int(method::declaration)
+                 : table == properties || table == sharedProperties ? int(property::name)
+                                                                    : 0;
+  Entries entries = this->table(table);
+  std::vector<std::string> result;
+  for (uint32_t i = 0; i < entries.count; ++i)
+    result.emplace_back(reinterpret_cast<const char*>(uintptr_t(entries[i][position])));
+  return result;
+}
+
+// ---- Operations
+
+namespace operations {
+
+double getRBVersion() { return profile().version; }
+
+void registerPluginVersion(int32_t version) {
+  if (version < 9 || version > newestInterface())
+    die("RegisterPluginVersion: this host knows the interface versions 9 to " +
+        std::to_string(newestInterface()) + ", not " + std::to_string(version));
+  announced = uint32_t(version);
+}
+
+void registerClass(uint32_t* record) {
+  Examination examination(record, announced);
+  examination.enter();
+  if (tracing()) {
+    auto* name = reinterpret_cast<const char*>(uintptr_t(record[field::name]));
+    emit({Step::classRegistered, name, {}, {}, nullptr, currentThread()});
+  }
+}
+
+} // namespace operations
+
+} // namespace host

@@ -1,0 +1,317 @@
+// What the update framework makes of feeds, decent ones and hostile ones.
+#import "sparkle_fixture.h"
+
+using testbed::Answer;
+using testbed::Item;
+
+namespace {
+
+class SparkleFeed : public Sparkle {
+protected:
+  // Fetches the feed as a program does that made the appcast itself.
+  NSArray* items_of(const std::string& xml) {
+    serve_feed(xml);
+    SUAppcast* appcast = [[[NSClassFromString(@"SUAppcast") alloc] init] autorelease];
+    const std::size_t before = steps.lines().size();
+    [appcast fetchAppcastFromURL:[NSURL URLWithString:nsstring(server.url("/appcast.xml"))]];
+    EXPECT_TRUE(run_until([&] {
+      const auto lines = steps.lines();
+      for (std::size_t i = before; i < lines.size(); ++i)
+        if (lines[i].rfind("loaded: ", 0) == 0 || lines[i].rfind("failed: ", 0) == 0) return true;
+      return false;
+    }));
+    return [appcast items];
+  }
+
+  SUAppcastItem* item_of(const Item& item) {
+    NSArray* items = items_of(testbed::appcast_xml({item}));
+    return [items count] == 1 ? [items objectAtIndex:0] : nil;
+  }
+
+  SUAppcastItem* item_of_xml(const std::string& inside) {
+    Item item;
+    item.extra = inside;
+    return item_of(item);
+  }
+};
+
+std::string channel(const std::string& inside) {
+  return "<?xml version=\"1.0\"?>\n<rss "
+         "xmlns:sparkle=\"http://example.org/xml/sparkle\"><channel>" +
+         inside + "</channel></rss>";
+}
+
+std::string with_title(const std::string& title) {
+  return channel("<item><title>" + title +
+                 "</title><enclosure url=\"http://127.0.0.1:1/D_2.0.zip\" "
+                 "sparkle:version=\"2.0\"/></item>");
+}
+
+} // namespace
+
+TEST_F(SparkleFeed, ItemReadsEverything) {
+  Item made;
+  made.title = "Demo <2.0> & more";
+  made.description = "What is \"new\"";
+  made.date = "Sat, 26 Jul 2008 15:20:11 +0200";
+  made.release_notes = "notes/2.html";
+  made.minimum_system = "10.6";
+  made.version = "200";
+  made.short_version = "2.0";
+  made.url = "Demo.zip";
+  made.length = "1623481";
+  made.signature = "MC0CFQ==";
+  made.extra = "<sparkle:tags><sparkle:criticalUpdate/></sparkle:tags>"
+               "<sparkle:deltas><enclosure url=\"d\" sparkle:deltaFrom=\"1\"/></sparkle:deltas>"
+               "<empty/><title>second</title>";
+  SUAppcastItem* item = item_of(made);
+  EXPECT_EQ(text([item title]), "Demo <2.0> & more");
+  EXPECT_EQ(text([item itemDescription]), "What is \"new\"");
+  EXPECT_EQ([[item date] timeIntervalSince1970], 1217078411);
+  EXPECT_EQ(text([[item releaseNotesURL] absoluteString]), server.url("/notes/2.html"));
+  EXPECT_EQ(text([item minimumSystemVersion]), "10.6");
+  EXPECT_EQ(text([item versionString]), "200");
+  EXPECT_EQ(text([item displayVersionString]), "2.0");
+  EXPECT_EQ(text([[item fileURL] absoluteString]), server.url("/Demo.zip"));
+  EXPECT_EQ(text([item DSASignature]), "MC0CFQ==");
+
+  NSDictionary* all = [item propertiesDictionary];
+  EXPECT_TRUE([[all objectForKey:@"pubDate"] isKindOfClass:[NSDate class]]);
+  NSDictionary* enclosure = [all objectForKey:@"enclosure"];
+  EXPECT_EQ([[enclosure objectForKey:@"length"] intValue], 1623481);
+  EXPECT_TRUE([[enclosure objectForKey:@"length"] isKindOfClass:[NSNumber class]]);
+  EXPECT_EQ(text([enclosure objectForKey:@"sparkle:version"]), "200");
+  EXPECT_TRUE([[all objectForKey:@"sparkle:tags"] isEqual:@[ @"sparkle:criticalUpdate" ]]);
+  EXPECT_TRUE([[all objectForKey:@"sparkle:deltas"]
+      isEqual:(@[ @{@"url" : @"d", @"sparkle:deltaFrom" : @"1"} ])]);
+  EXPECT_EQ(text([all objectForKey:@"empty"]), "");
+}
+
+TEST_F(SparkleFeed, VersionComesFromTheFileNameWhenTheEnclosureHasNone) {
+  Item made;
+  for (const auto& [url, version] : {std::pair{"Demo_1.2.3.zip", "1.2.3"},
+                                     {"My_App_4.5b1.dmg", "4.5b1"},
+                                     {"Demo.zip", "(nil)"},
+                                     {"Demo_.zip", "(nil)"}}) {
+    made.url = url;
+    EXPECT_EQ(text([item_of(made) versionString]), version) << url;
+    EXPECT_EQ(text([item_of(made) displayVersionString]), version) << url;
+  }
+}
+
+TEST_F(SparkleFeed, PlainInitGivesAnItemOfNothing) {
+  SUAppcastItem* item = [[[NSClassFromString(@"SUAppcastItem") alloc] init] autorelease];
+  for (NSString* key in @[
+         @"title", @"versionString", @"displayVersionString", @"date", @"itemDescription",
+         @"releaseNotesURL", @"fileURL", @"DSASignature", @"minimumSystemVersion",
+         @"propertiesDictionary"
+       ])
+    EXPECT_EQ([item performSelector:NSSelectorFromString(key)], nil) << text(key);
+}
+
+TEST_F(SparkleFeed, DatesInTheUsualForms) {
+  const struct {
+    const char* text;
+    double seconds; // -1: no date
+  } rows[] = {
+      {"Sat, 26 Jul 2008 15:20:11 +0000", 1217085611},
+      {"26 Jul 2008 15:20:11 GMT", 1217085611},
+      {"Sat, 26 Jul 08 15:20 Z", 1217085600},
+      {"Sat, 26 July 2008 10:20:11 EST", 1217085611},
+      {"Sat, 26 Jul 2008 20:50:11 +0530", 1217085611},
+      {"26 Jul 2008", 1217030400},
+      {"29 Feb 2008", 1204243200},
+      {"1 Jan 1960 00:00:00 GMT", -315619200},
+      {"29 Feb 2007", -1},
+      {"32 Jul 2008", -1},
+      {"26 Foo 2008", -1},
+      {"26 Jul 2008 25:00:00 GMT", -1},
+      {"26 Jul 20080", -1},
+      {"26 Jul 2008 15:20:11 +99999999", -1},
+      {"26 Jul 2008 15:20:11 NOZONE", -1},
+      {"2008-07-26", -1},
+      {"yesterday", -1},
+      {"99999999999999999999", -1},
+      {",,,,", -1},
+  };
+  std::vector<Item> made;
+  for (const auto& row : rows) {
+    made.emplace_back();
+    made.back().date = row.text;
+  }
+  NSArray* items = items_of(testbed::appcast_xml(made));
+  ASSERT_EQ([items count], std::size(rows));
+  for (std::size_t i = 0; i < std::size(rows); ++i) {
+    SUAppcastItem* item = [items objectAtIndex:i];
+    if (rows[i].seconds == -1) {
+      EXPECT_EQ([item date], nil) << rows[i].text;
+      EXPECT_EQ(text([[item propertiesDictionary] objectForKey:@"pubDate"]), rows[i].text);
+    } else {
+      ASSERT_NE([item date], nil) << rows[i].text;
+      EXPECT_EQ([[item date] timeIntervalSince1970], rows[i].seconds) << rows[i].text;
+    }
+  }
+}
+
+TEST_F(SparkleFeed, URLsThatAreNoneAreNil) {
+  for (const char* url : {"http://exa mple.org/a b", "http://[::1", "%zz%",
+                          ":::", "\\\\host\\share", "   ", "http://%00/"}) {
+    Item made;
+    made.url = url;
+    made.release_notes = url;
+    SUAppcastItem* item = item_of(made);
+    ASSERT_NE(item, nil) << url;
+    // Nil, or at least something that has an absolute form.
+    for (NSURL* got in @[
+           [item fileURL] ? [item fileURL] : [NSURL URLWithString:@"x:y"],
+           [item releaseNotesURL] ? [item releaseNotesURL] : [NSURL URLWithString:@"x:y"]
+         ])
+      EXPECT_NE([got absoluteString], nil) << url;
+  }
+}
+
+TEST_F(SparkleFeed, MembersOfTheWrongKindAreNil) {
+  SUAppcastItem* item = item_of_xml("<title><b>x</b></title><description><b>x</b></description>"
+                                    "<pubDate><b>x</b></pubDate><enclosure>text</enclosure>"
+                                    "<sparkle:releaseNotesLink><b/></sparkle:releaseNotesLink>"
+                                    "<sparkle:minimumSystemVersion><b/>"
+                                    "</sparkle:minimumSystemVersion>");
+  ASSERT_NE(item, nil);
+  EXPECT_EQ([item title], nil);
+  EXPECT_EQ([item itemDescription], nil);
+  EXPECT_EQ([item date], nil);
+  EXPECT_EQ([item releaseNotesURL], nil);
+  EXPECT_EQ([item minimumSystemVersion], nil);
+  EXPECT_EQ([item fileURL], nil);
+}
+
+TEST_F(SparkleFeed, PrefixThatIsNotDeclaredStillCounts) {
+  NSArray* items = items_of("<rss><channel><item><enclosure url=\"http://127.0.0.1:1/a.zip\" "
+                            "sparkle:version=\"7\"/></item></channel></rss>");
+  ASSERT_EQ([items count], 1u);
+  EXPECT_EQ(text([[items objectAtIndex:0] versionString]), "7");
+}
+
+TEST_F(SparkleFeed, TenThousandItems) {
+  std::vector<Item> made(10000);
+  for (std::size_t i = 0; i < made.size(); ++i) {
+    made[i].title = "Title " + std::to_string(i);
+    made[i].version = std::to_string(i);
+    made[i].url = server.url("/a.zip");
+  }
+  NSArray* items = items_of(testbed::appcast_xml(made));
+  ASSERT_EQ([items count], 10000u);
+  EXPECT_EQ(text([[items objectAtIndex:9999] title]), "Title 9999");
+}
+
+TEST_F(SparkleFeed, TitleOfTenMegabytes) {
+  const std::string title(10 << 20, 'x');
+  NSArray* items = items_of(with_title(title));
+  ASSERT_EQ([items count], 1u);
+  EXPECT_EQ([[[items objectAtIndex:0] title] length], title.size());
+}
+
+TEST_F(SparkleFeed, HostileXMLIsRefusedOrHarmless) {
+  const std::string good = with_title("x");
+  testbed::write_file(folder / "secret", "SECRET");
+  std::string laughs = "<!DOCTYPE rss [<!ENTITY a0 \"aaaaaaaaaa\">";
+  for (int i = 1; i < 10; ++i) {
+    laughs += "<!ENTITY a" + std::to_string(i) + " \"";
+    for (int j = 0; j < 10; ++j) laughs += "&a" + std::to_string(i - 1) + ";";
+    laughs += "\">";
+  }
+  const std::string head = "<?xml version=\"1.0\"?>";
+  const auto with_head = [&](const std::string& declarations, const std::string& feed) {
+    return head + declarations + feed.substr(feed.find("<rss"));
+  };
+  std::string deep;
+  for (int i = 0; i < 50000; ++i) deep += "<a>";
+  const std::string feeds[] = {
+      good.substr(0, good.size() - 9),
+      with_title(std::string("a\0b", 3)),
+      with_title("a\1\2\3b"),
+      with_title("a&#1;b"),
+      with_title("\xff\xfe\xfd"),
+      std::string(1000, '\0'),
+      deep,
+      channel("<item>" + deep),
+      with_head(laughs + "]>", with_title("&a9;")),
+      with_head("<!DOCTYPE rss [<!ENTITY e SYSTEM \"file://" + (folder / "secret").string() +
+                    "\">]>",
+                with_title("a&e;b")),
+      with_head("<!DOCTYPE rss SYSTEM \"" + server.url("/external.dtd") + "\">", good),
+      with_head("<!DOCTYPE rss [<!ENTITY % p SYSTEM \"" + server.url("/external.dtd") + "\"> %p;]>",
+                good),
+      with_head("<!DOCTYPE rss [<!ENTITY e SYSTEM \"" + server.url("/external.xml") + "\">]>",
+                with_title("&e;")),
+  };
+  for (const std::string& feed : feeds) {
+    for (SUAppcastItem* item in items_of(feed)) {
+      EXPECT_EQ(text([item title]).find("SECRET"), std::string::npos);
+      EXPECT_LT([[item title] length], 1000000u);
+    }
+  }
+  EXPECT_TRUE(server.requests("/external.dtd").empty());
+  EXPECT_TRUE(server.requests("/external.xml").empty());
+  EXPECT_EQ([items_of(good) count], 1u);
+}
+
+// Appcasts that a program makes itself.
+
+@interface AppcastListener : NSObject {
+@public
+  Journal journal;
+}
+@end
+
+@implementation AppcastListener
+- (void)appcastDidFinishLoading:(SUAppcast*)appcast {
+  journal.add("finished " + std::to_string([[appcast items] count]));
+}
+- (void)appcast:(SUAppcast*)appcast failedToLoadWithError:(NSError*)error {
+  (void)appcast;
+  journal.add("failed " + text([error localizedDescription]));
+}
+@end
+
+TEST_F(SparkleFeed, AppcastSendsItsUserAgentAndKeepsTheBytes) {
+  const std::string feed = with_title("x");
+  serve_feed(feed);
+  SUAppcast* appcast = [[NSClassFromString(@"SUAppcast") alloc] init];
+  AppcastListener* listener = [[[AppcastListener alloc] init] autorelease];
+  EXPECT_FALSE([appcast respondsToSelector:NSSelectorFromString(@"userAgentString")]);
+  EXPECT_EQ([appcast valueForKey:@"userAgentString"], nil);
+  EXPECT_EQ([appcast valueForKey:@"incrementalData"], nil);
+  EXPECT_EQ([appcast items], nil);
+  [appcast setUserAgentString:@"Tester/7"];
+  [appcast setDelegate:listener];
+  EXPECT_EQ(text([appcast valueForKey:@"userAgentString"]), "Tester/7");
+  [appcast fetchAppcastFromURL:[NSURL URLWithString:nsstring(server.url("/appcast.xml"))]];
+  ASSERT_TRUE(run_until([&] { return listener->journal.has("finished 1"); }));
+  EXPECT_EQ(server.requests().at(0).user_agent, "Tester/7");
+  NSData* data = [appcast valueForKey:@"incrementalData"];
+  EXPECT_EQ(std::string(static_cast<const char*>([data bytes]), [data length]), feed);
+  [appcast setUserAgentString:nil];
+  EXPECT_EQ([appcast valueForKey:@"userAgentString"], nil);
+  [appcast setDelegate:nil];
+  [appcast release];
+}
+
+TEST_F(SparkleFeed, AppcastWithoutURLTellsTheFailure) {
+  SUAppcast* appcast = [[[NSClassFromString(@"SUAppcast") alloc] init] autorelease];
+  AppcastListener* listener = [[[AppcastListener alloc] init] autorelease];
+  [appcast setDelegate:listener];
+  [appcast fetchAppcastFromURL:nil];
+  ASSERT_TRUE(run_until([&] { return listener->journal.has("failed "); }));
+  EXPECT_EQ([appcast items], nil);
+}
+
+TEST_F(SparkleFeed, AppcastMayBeReleasedWhileItFetches) {
+  Answer stalled{"<rss></rss>"};
+  stalled.trouble = Answer::Trouble::stall;
+  server.serve("/appcast.xml", stalled);
+  SUAppcast* appcast = [[NSClassFromString(@"SUAppcast") alloc] init];
+  [appcast fetchAppcastFromURL:[NSURL URLWithString:nsstring(server.url("/appcast.xml"))]];
+  [appcast release];
+  EXPECT_EQ(wait_for_end(), "failed: fetch");
+}

@@ -1,0 +1,46 @@
+// Cocoa classes of the plug-in's own, made at run time: the plug-in holds no Objective-C.
+#pragma once
+
+#include "cocoa/message.h"
+
+// Every variable is one pointer. The offset is filled in when the class is made.
+struct CocoaVariable {
+  const char* name;
+  const char* encoding;
+  std::ptrdiff_t offset;
+};
+
+struct CocoaMethod {
+  const char* selector;
+  IMP function;
+  const char* encoding;
+};
+
+// A row of a method table; a macro, since only a cast in the table itself is a constant.
+#define COCOA_METHOD(selector, function, encoding)                                                 \
+  { selector, reinterpret_cast<IMP>(function), encoding }
+
+// Makes and registers a subclass of NSObject. Nil when the runtime refuses, as it does for a name
+// that is taken.
+Class makeCocoaClass(const char* name, CocoaVariable* variables, std::size_t variableCount,
+                     const CocoaMethod* methods, std::size_t methodCount);
+
+template <std::size_t Variables, std::size_t Methods>
+inline Class makeCocoaClass(const char* name, CocoaVariable (&variables)[Variables],
+                            const CocoaMethod (&methods)[Methods]) {
+  return makeCocoaClass(name, variables, Variables, methods, Methods);
+}
+
+template <class Value> inline Value& variableOf(id object, const CocoaVariable& variable) {
+  return *reinterpret_cast<Value*>(reinterpret_cast<char*>(object) + variable.offset);
+}
+
+// What NSObject does with a message that a class of ours overrides.
+template <class Result, class... Arguments>
+inline Result sendToNSObject(id object, SEL selector, Arguments... arguments) {
+  objc_super target{object, reinterpret_cast<Class>("NSObject"_class)};
+  return sendSuper<Result>(target, selector, arguments...);
+}
+
+// copyWithZone: of a class whose objects are shared, never copied.
+id retainInsteadOfCopy(id self, SEL, void* zone);
