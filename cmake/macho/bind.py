@@ -10,6 +10,7 @@ position-independent stub that jumps through its word.
 
 import pathlib
 import re
+import subprocess
 import sys
 
 import imports
@@ -28,6 +29,13 @@ REFUSED = {
     "__thread_": "a thread-local variable: Mac OS X 10.6 has none",
     "__OBJC": "Objective-C metadata: make the class at run time",
 }
+
+
+
+def demangled(symbol):
+    return subprocess.run(["llvm-cxxfilt-14", "-_", symbol], check=True, capture_output=True,
+                          text=True).stdout.strip()
+
 
 input_path, output_path, *lists = sys.argv[1:]
 listed, listed_weak = imports.read_all(lists)
@@ -84,7 +92,7 @@ for symbol, user in sorted(users.items()):
     name = symbol[1:]
     if name not in listed:
         problems.append(
-            f"{user} uses {name}, which stands in no list of imports. If Mac OS X 10.6 has it, "
+            f"{demangled(user)} uses {name}, which stands in no list of imports. If Mac OS X 10.6 has it, "
             f"add it to the list of its library; if not, do without it.")
     elif name in weak and name not in listed_weak:
         problems.append(

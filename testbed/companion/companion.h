@@ -7,10 +7,10 @@
 //     companion->provide(COMPANION_REGISTRY, 0);
 //     ... the host loads `path` and calls REALPluginMain ...
 //
-// Opening the library twice gives the same copy. Everything marked "before entry" has no effect
-// once REALPluginMain ran; a call made too late, or with a name that no table has, says so on
-// standard error and ends the process, because a test that goes on with another set-up than it
-// asked for proves nothing.
+// Opening the library twice gives the same copy. What is marked "before entry" is settled when
+// REALPluginMain runs. A call made too late, or with a name that no table has, says so on standard
+// error and ends the process, because a test that goes on with another set-up than it asked for
+// proves nothing.
 //
 // Host objects are void* here. Threads: the functions marked "before entry" and the registry belong
 // to the thread that runs host code; switches and counters may be used from any thread.

@@ -64,9 +64,14 @@ Options readOptions(int count, char** arguments) {
   return options;
 }
 
+// The companion's hundred and more wrapper classes are not what the road is about.
 void loadPlugins(const std::string& kind) {
   companion_open(COMPANION_PATH);
   host::loadPlugin(COMPANION_PATH);
+  road::listen();
+  road::line(road::Actor::program, "has loaded the companion plug-in, which registered " +
+                                       std::to_string(host::registrationOrder().size()) +
+                                       " classes");
   if (kind == "elf") return host::loadPlugin(ELF_PLUGIN_PATH);
   static auto bundle = loader::loadFile(MACHO_PLUGIN_PATH);
   host::startPlugin(reinterpret_cast<void*>(bundle->entry<void()>()), "SparkleKVZ.dylib");
@@ -173,7 +178,6 @@ int run(const Options& options) {
 
   road::heading("Start-up");
   host::start(options.host);
-  road::listen();
   loadPlugins(options.plugin);
   program::declareClasses({.lookOnly = options.check == "information",
                            .lowerIsNewer = options.comparator == "reverse",
@@ -198,6 +202,7 @@ int run(const Options& options) {
   road::heading("What is left");
   if (options.feed.empty()) showRequests(server);
   updater.reset();
+  program::letGo();
   bool clean = showHost();
 
   road::Failure failure = road::failure();

@@ -25,6 +25,9 @@ host::Object makeUpdater(const std::string& framework, const std::string& bundle
 // Sets the feed and starts the check.
 void check(const host::Object& updater, const std::string& feed);
 
+// Lets go of what the program holds beside its updater.
+void letGo();
+
 // Whether the update is installed and its relaunch waits for the program.
 bool relaunchIsPostponed();
 

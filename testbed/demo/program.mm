@@ -13,6 +13,9 @@ std::atomic<bool> postponed;
 std::mutex mutex;
 std::string offered;
 
+// The program keeps its comparison: the framework goes on asking it after the event.
+host::Object comparison;
+
 void say(const std::string& text) { road::line(road::Actor::program, text); }
 
 std::string textOf(const host::Object& object, const char* member) {
@@ -53,12 +56,8 @@ host::Object feedParameters(host::Event&) {
 }
 
 void appcastLoaded(host::Event& event) {
-  for (const host::Value& value : host::elements(
-           event[0] ? host::get<host::Object>(event[0], "items as SUAppcastItemKVZ()") : nullptr)) {
-    auto item = value.as<host::Object>();
-    say("  sees release " + textOf(item, "versionString as string") + ", \"" +
-        textOf(item, "title as string") + "\"");
-  }
+  auto items = host::get<host::Object>(event[0], "items as SUAppcastItemKVZ()");
+  say("  the feed has " + std::to_string(host::elements(items).size()) + " releases");
 }
 
 // The newest release that can be installed.
@@ -89,7 +88,7 @@ void updateFound(host::Event& event) {
 const host::Handlers updaterEvents = {
     {"pathToRelaunchForUpdater as string", [](host::Event&) { return choices.relaunchPath; }},
     {"versionComparatorForUpdater as SUVersionComparisonKVZ",
-     [](host::Event&) { return host::construct("DemoComparison", "Constructor"); }},
+     [](host::Event&) { return comparison; }},
     {"updaterWillRelaunchApplication", [](host::Event&) { say("  saves its documents"); }},
     {"updaterDidNotFindUpdate", [](host::Event&) { say("  is told that nothing is newer"); }},
     {"updaterShouldPromptForPermissionToCheckForUpdates as boolean",
@@ -129,6 +128,7 @@ host::Object makeUpdater(const std::string& framework, const std::string& bundle
     road::verdict(false, "The framework in " + framework + " cannot be loaded.");
     return nullptr;
   }
+  comparison = host::construct("DemoComparison", "Constructor");
   return host::construct("DemoUpdater", "Constructor(Bundle as folderitem)",
                          host::folderItem(bundle));
 }
@@ -139,6 +139,8 @@ void check(const host::Object& updater, const std::string& feed) {
 }
 
 bool relaunchIsPostponed() { return postponed; }
+
+void letGo() { comparison.reset(); }
 
 std::string offeredVersion() {
   std::lock_guard lock(mutex);

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <mutex>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -48,26 +49,44 @@ std::string listed(const std::vector<std::string>& values) {
   return text;
 }
 
+// A call that nothing has come between yet: it and its answer make one line.
+thread_local std::string pendingCall;
+
+void flushCall() {
+  std::string call = std::exchange(pendingCall, {});
+  if (!call.empty()) road::line(road::Actor::program, call);
+}
+
 void printStep(const host::Step& step) {
   using road::Actor;
   std::string values = listed(step.values);
+  std::string with = values.empty() ? "" : " with " + values;
+  std::string member = memberName(step.member);
+  if (step.kind == host::Step::memberReturned && !pendingCall.empty()) {
+    if (!values.empty()) pendingCall += ", is answered " + values;
+    return flushCall();
+  }
   switch (step.kind) {
   case host::Step::pluginLoaded:
     return road::line(Actor::program, "loads the plug-in " + step.member + step.className);
   case host::Step::classRegistered:
     return road::line(Actor::plugin, "registers the class " + step.className);
   case host::Step::memberCalled:
-    return road::line(Actor::program, "calls " + step.className + "." + memberName(step.member) +
-                                          (values.empty() ? "" : " with " + values));
+    flushCall();
+    if (values.empty() || step.member.find('(') != std::string::npos) {
+      pendingCall = "calls " + step.className + "." + member + with;
+    } else {
+      pendingCall = "sets " + step.className + "." + member + " to " + values;
+    }
+    return;
   case host::Step::memberReturned:
-    if (values.empty()) return;
-    return road::line(Actor::plugin, "answers " + memberName(step.member) + " with " + values);
+    if (!values.empty()) road::line(Actor::plugin, "answers " + member + with);
+    return;
   case host::Step::eventRaised:
-    return road::line(Actor::plugin, "raises the event " + memberName(step.member) +
-                                         (values.empty() ? "" : " with " + values));
+    return road::line(Actor::plugin, "raises the event " + member + with);
   case host::Step::eventAnswered:
-    if (values.empty()) return;
-    return road::line(Actor::program, "answers " + memberName(step.member) + " with " + values);
+    if (!values.empty()) road::line(Actor::program, "answers " + member + with);
+    return;
   case host::Step::exceptionRaised:
     return road::line(Actor::plugin, "raises the exception " + step.className + ": " + values);
   case host::Step::operation:
@@ -112,6 +131,7 @@ void listen() {
 }
 
 void line(Actor actor, const std::string& text) {
+  flushCall();
   const Look& look = looks[static_cast<int>(actor)];
   std::string thread = threadName();
   std::lock_guard lock(mutex);

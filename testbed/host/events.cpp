@@ -54,11 +54,15 @@ void raise(void* context) {
     words += wordsOf(parameter.type);
   }
   std::shared_ptr<const Handler> handler;
-  size_t record;
+  const bool recorded = watching;
+  size_t record = 0;
   {
     Guard guard(hostMutex());
     for (HandlerSlot& slot : raising.thunk->type->handlers)
       if (slot.event == raising.thunk->event) handler = slot.handler;
+  }
+  if (recorded) {
+    Guard guard(hostMutex());
     record = records().raised.size();
     records().raised.push_back(
         {cell.type->name, declaration.text, printAll(event.arguments), {}, event.thread});
@@ -76,7 +80,8 @@ void raise(void* context) {
   }
 
   const Parameter& result = declaration.result;
-  std::string printed = result.type == Type::none ? "" : print(value);
+  std::string printed;
+  if (result.type != Type::none && (recorded || tracing())) printed = print(value);
   std::vector<uint32_t> answer;
   std::vector<Object> temporaries;
   try {
@@ -90,7 +95,7 @@ void raise(void* context) {
   if (handle && (result.type == Type::object || result.type == Type::variant))
     ObjectKind::lock(handle);
   memcpy(raising.answer, answer.data(), answer.size() * 4);
-  {
+  if (recorded) {
     Guard guard(hostMutex());
     if (record < records().raised.size()) records().raised[record].answer = printed;
   }

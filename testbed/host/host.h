@@ -207,6 +207,9 @@ public:
   Value(const char* text) : Value(std::string_view(text)) {}
   Value(const std::string& text) : Value(std::string_view(text)) {}
   Value(std::string_view text) : held_(string(text)) {}
+  Value(const std::optional<std::string>& text) {
+    if (text) held_ = string(*text);
+  }
 
   const Held& held() const { return held_; }
   bool isNil() const; // nothing, a nil String or a nil Object
@@ -360,7 +363,7 @@ struct EventRecord {
   std::string answer;                 // printed; "" for none
   Thread thread;
 };
-std::vector<EventRecord> events(); // in the order in which they were raised
+std::vector<EventRecord> events(); // in the order in which they were raised; grows until cleared
 void clearEvents();
 
 // ---- Classes -----------------------------------------------------------------------------------
@@ -485,8 +488,8 @@ uint64_t lookups(std::string_view name); // how often plug-ins asked for its add
 uint64_t operationsPerformed();          // all calls
 uint64_t fallibleOperationsPerformed();  // calls that failNthOperation would count
 void resetCounts();
-// Off: no counts, log, faults or operation trace; an operation costs one test of a flag. On by
-// default. Also switches the recording of call stacks, like setStacks().
+// Off: no counts, log, faults, operation trace or record of events; an operation costs one test of
+// a flag. On by default. Also switches the recording of call stacks, like setStacks().
 void setWatching(bool on);
 
 struct LogEntry {

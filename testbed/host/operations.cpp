@@ -250,7 +250,7 @@ void resetOperations(const Profile& profile) {
   resetCounts();
   records().log.clear();
   records().logging = loggingOn = tracingOperations = false;
-  watching = true;
+  setWatching(true);
   auto lacks = [](const char* name) { need(name).absent = true; };
   if (profile.version == 0) lacks("REALGetRBVersion");
   if (profile.offersStringData) {

@@ -1,7 +1,6 @@
 // Profiles, the start of a host, and the loading of plug-ins.
 #include "operations.h"
 
-
 #include <dlfcn.h>
 #include <ostream>
 

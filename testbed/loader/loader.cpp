@@ -15,6 +15,10 @@
 #include <system_error>
 #include <unistd.h>
 
+// A leak checker, if there is one, must look for pointers in the bundle's data too.
+extern "C" [[gnu::weak]] void __lsan_register_root_region(const void* start, std::size_t size);
+extern "C" [[gnu::weak]] void __lsan_unregister_root_region(const void* start, std::size_t size);
+
 namespace loader {
 
 using namespace macho;
@@ -165,11 +169,17 @@ std::unique_ptr<Bundle> loadWithSymbols(std::span<const std::uint8_t> file, cons
 Bundle::Bundle(std::unique_ptr<Contents> contents)
     : name(contents->name), segments(contents->segments()), libraries(contents->image.libraries),
       contents_(std::move(contents)) {
+  if (__lsan_register_root_region)
+    for (const Segment& segment : segments)
+      if (segment.writable) __lsan_register_root_region(segment.start, segment.size);
   std::lock_guard lock(registry().mutex);
   registry().bundles.push_back(this);
 }
 
 Bundle::~Bundle() {
+  if (__lsan_unregister_root_region)
+    for (const Segment& segment : segments)
+      if (segment.writable) __lsan_unregister_root_region(segment.start, segment.size);
   std::lock_guard lock(registry().mutex);
   std::erase(registry().bundles, this);
 }

@@ -39,11 +39,6 @@ std::span<const std::uint8_t> Reader::range(std::uint64_t offset, std::uint64_t 
 
 std::uint8_t Reader::byte(std::uint64_t offset) const { return range(offset, 1)[0]; }
 
-std::uint16_t Reader::half(std::uint64_t offset) const {
-  auto bytes = range(offset, 2);
-  return static_cast<std::uint16_t>(bytes[0] | bytes[1] << 8);
-}
-
 std::uint32_t Reader::word(std::uint64_t offset) const {
   std::uint32_t word;
   memcpy(&word, range(offset, sizeof word).data(), sizeof word);

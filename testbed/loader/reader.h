@@ -17,7 +17,6 @@ public:
 
   std::uint64_t size() const { return bytes_.size(); }
   std::uint8_t byte(std::uint64_t offset) const;
-  std::uint16_t half(std::uint64_t offset) const;
   std::uint32_t word(std::uint64_t offset) const;
   std::uint32_t bigEndianWord(std::uint64_t offset) const;
   std::span<const std::uint8_t> range(std::uint64_t offset, std::uint64_t size) const;

@@ -79,9 +79,9 @@ static NSMutableArray* itemsOf(NSXMLElement* root, NSURL* base) {
     for (NSXMLNode* node in [channel children]) {
       if (!isElement(node) || ![[node name] isEqualToString:@"item"]) continue;
       @autoreleasepool {
-        SUAppcastItem* item =
-            [[SUAppcastItem alloc] initWithDictionary:propertiesOf((NSXMLElement*)node)
-                                        relativeToURL:base];
+        NSDictionary* properties = propertiesOf((NSXMLElement*)node);
+        SUAppcastItem* item = [[SUAppcastItem alloc] initWithDictionary:properties
+                                                          relativeToURL:base];
         [result addObject:item];
         [item release];
       }
@@ -99,11 +99,15 @@ static NSArray* newItems(NSData* data, NSURL* base, NSString** reason) {
     NSArray* result = nil;
     NSString* why = nil;
     @autoreleasepool {
-      NSError* error = nil;
-      document = [[NSXMLDocument alloc] initWithData:data options:0 error:&error];
-      if (document && [document rootElement])
-        result = [itemsOf([document rootElement], base) retain];
-      else
+      @try {
+        document = [[NSXMLDocument alloc] initWithData:data options:0 error:NULL];
+        if ([document rootElement]) result = [itemsOf([document rootElement], base) retain];
+      } @catch (NSException* exception) {
+        // A reference to an entity, for one, is more than the nodes' class can stand.
+        why = [[NSString alloc]
+            initWithFormat:@"what it holds cannot be read (%@)", [exception reason]];
+      }
+      if (!result && !why)
         why = [[NSString alloc]
             initWithFormat:@"%lu bytes that are no well-formed XML", (unsigned long)[data length]];
     }

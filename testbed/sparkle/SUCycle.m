@@ -281,6 +281,10 @@ static NSDictionary* parameter(NSString* key, id value) {
                                              attributes:nil
                                                   error:NULL];
   int entries = SUUnpack(archive, folder, &reason);
+  if (entries == 0) {
+    entries = -1;
+    reason = @"it is empty";
+  }
   if (entries < 0)
     return [self failWith:SUFailureUnpack
                    reason:[NSString stringWithFormat:@"the archive of %@ cannot be unpacked: %@",
@@ -337,7 +341,7 @@ static NSDictionary* parameter(NSString* key, id value) {
   NSString* reason = nil;
   workFolder = [SUWorkFolder([host path], &reason) retain];
   if (!workFolder) {
-    [self failWith:SUFailureDownload reason:reason];
+    [self failWith:SUFailureInstall reason:reason];
     return;
   }
   NSString* archive = [workFolder stringByAppendingPathComponent:@"archive"];

@@ -1,8 +1,8 @@
 // The road of a check, step by step, for whoever wants to watch: every step is one notification.
 //
 // Posted to the default notification center, on the thread on which the step happens, with the
-// updater as its object (an appcast, for a fetch that a program started itself). An observer that
-// raises is logged and changes nothing.
+// updater as its object (an appcast, for a fetch that a program started itself). An observer
+// that raises is logged by the center and changes nothing.
 //
 // userInfo: "step" (one of the names below), "detail" (one line for people, never absent),
 // "thread" (name of the thread: "main" or, for example, "update check 1"); "failure" in

@@ -11,11 +11,7 @@ void SUPostStep(id object, NSString* step, NSDictionary* more, NSString* format,
                                    [thread length] ? thread : @"a thread without name", @"thread",
                                    nil];
   [info addEntriesFromDictionary:more];
-  @try {
-    [[NSNotificationCenter defaultCenter] postNotificationName:SUUpdaterStepNotification
-                                                        object:object
-                                                      userInfo:info];
-  } @catch (NSException* exception) {
-    NSLog(@"Sparkle: an observer of %@ raised %@", step, exception);
-  }
+  [[NSNotificationCenter defaultCenter] postNotificationName:SUUpdaterStepNotification
+                                                      object:object
+                                                    userInfo:info];
 }

@@ -5,8 +5,9 @@
 // updaterForBundle: hand it out without retaining it for the caller; even so, programs release what
 // they were handed. The registry's own reference is therefore out of everybody's reach: retain and
 // release only keep a balance (see referenceBalance), and no number of releases frees an updater.
-// The delegate is not retained. While one of its methods runs it is kept alive; after
-// setDelegate:nil has returned no further call begins, whatever the updater is doing.
+// The delegate is not retained. While one of its methods runs it is kept alive. After
+// setDelegate:nil the next call finds nobody; a call that is on its way then still arrives, at an
+// object that lives.
 //
 // THREADS. Any thread may call. A check returns at once and runs on a thread of its own ("update
 // check n"), and so does the rest of a postponed relaunch ("relaunch n"): delegate messages come

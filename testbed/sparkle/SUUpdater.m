@@ -44,7 +44,10 @@ static NSString* const kLaunchedBefore = @"SUHasLaunchedBefore";
       updater = [[SUUpdater alloc] initWithBundle:bundle];
       [updaters setObject:updater forKey:path];
       [updater release];
-      [self performSelectorOnMainThread:@selector(startCycleOf:) withObject:path waitUntilDone:NO];
+      // Later, when the program has set its delegate and runs its run loop.
+      [self performSelectorOnMainThread:@selector(startCycleSoon:)
+                             withObject:path
+                          waitUntilDone:NO];
     }
     return updater;
   }
@@ -229,6 +232,10 @@ static NSString* const kLaunchedBefore = @"SUHasLaunchedBefore";
   }
 }
 
++ (void)startCycleSoon:(NSString*)path {
+  [self performSelector:@selector(startCycleOf:) withObject:path afterDelay:0];
+}
+
 + (void)startCycleOf:(NSString*)path {
   [[self updaterOf:path] startCycle];
 }
@@ -277,6 +284,9 @@ static NSString* const kLaunchedBefore = @"SUHasLaunchedBefore";
     }
   } @catch (NSException* exception) {
     NSLog(@"Sparkle: the question for permission failed: %@", exception);
+  } @catch (id thrown) {
+    NSLog(@"Sparkle: the question for permission failed: an object of class %@ was thrown",
+          [thrown class]);
   }
   [self scheduleAfterAtLeast:0];
 }

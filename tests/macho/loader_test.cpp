@@ -341,6 +341,7 @@ INSTANTIATE_TEST_SUITE_P(
                 setWord(bytes, at + 8, 44);
               },
               "load commands", "LC_DYLD_INFO_ONLY is missing"},
+        Wrong{"LibraryShort", set(libraryCommand, 4, 20), "(LC_LOAD_DYLIB)", "its size is 0x14"},
         Wrong{"LibraryName", set(libraryCommand, 8, 4000), "(LC_LOAD_DYLIB)",
               "the name begins at 0xfa0"},
         Wrong{"LibraryNameEndless",
@@ -388,6 +389,14 @@ INSTANTIATE_TEST_SUITE_P(
                           "load command 1 (LC_SEGMENT)", "the segments span more than"},
                     Wrong{"Huge", set(segmentCommand, 28, 0x40000000, 2), "(LC_SEGMENT)",
                           "the segments span more than"},
+                    Wrong{"Short", set(segmentCommand, 4, 52), "load command 0 (LC_SEGMENT)",
+                          "its size is 0x34, not 0x38"},
+                    Wrong{"Empty",
+                          [](Bytes& bytes) {
+                            set(segmentCommand, 28, 0, 2)(bytes);
+                            set(segmentCommand, 36, 0, 2)(bytes);
+                          },
+                          "(LC_SEGMENT)", "__LINKEDIT is empty"},
                     Wrong{"Protection", set(segmentCommand, 44, 0x17),
                           "load command 0 (LC_SEGMENT)", "__TEXT has protection 0x17"},
                     Wrong{"Flags", set(segmentCommand, 52, 8), "load command 0 (LC_SEGMENT)",
@@ -474,6 +483,8 @@ INSTANTIATE_TEST_SUITE_P(
               "/usr/lib/libobjc.A.dylib"},
         Wrong{"BindNameWithoutUnderscore", binds({0x11, 0x40, 'f', 'r', 'e', 'e', 0}), table,
               "nobody provides free"},
+        Wrong{"BindAddendLarge", binds({0x60, 0xFF, 0xFF, 0xFF, 0xFF, 0x3F}), table,
+              "does not fit in 32 bits"},
         Wrong{"BindAddend", binds({0x60, 0x80, 0x80, 0x80, 0x80, 0x80, 0x00}), table,
               "does not fit in 32 bits"}),
     testing::PrintToStringParamName());

@@ -1,7 +1,8 @@
 // Both ways through the value conversion, as the framework and host programs reach it.
 //
 //   conversion::toHost(object)        an item answers { "value": object } to propertiesDictionary
-//   conversion::Feeder().convert(v)   a handler answers [{ "value": v }] to feedParametersForUpdater
+//   conversion::Feeder().convert(v)   a handler answers [{ "value": v }] to
+//   feedParametersForUpdater
 //
 // Cocoa objects given here are borrowed and never retained, so that a test can count what the
 // plug-in does with them. Main thread, unless a test says otherwise. For one source file of a
@@ -12,9 +13,8 @@
 
 #include "testbed/companion/companion.h"
 
-#include <dlfcn.h>
-
 #import <Foundation/Foundation.h>
+#include <objc/runtime.h>
 
 // Plays an item of the framework.
 @interface PlayedItem : NSObject {
@@ -81,6 +81,11 @@ static int probeDeaths;
 + (void*)GetInstancesDictionaryKVZ;
 @end
 
+@interface NSObject (ConversionTests)
++ (id)wrap:(void*)object;
+- (void*)unwrap;
+@end
+
 extern "C" {
 const void* CFDictionaryGetValue(void* dictionary, const void* key);
 void CFDictionarySetValue(void* dictionary, const void* key, const void* value);
@@ -92,9 +97,12 @@ namespace conversion {
 // The companion's control interface; what it is to provide is said before the session starts.
 inline const companion_api* companion() { return companion_open("libtestbed_companion.so"); }
 
-// The Cocoa classes that GNUstep lacks.
-inline void loadAppKit() {
-  if (!dlopen("libtestbed_appkit.so", RTLD_NOW | RTLD_GLOBAL)) FAIL() << dlerror();
+// The Cocoa class of this name; made where GNUstep lacks it.
+inline Class cocoaClass(const std::string& name, const char* superName = "NSObject") {
+  if (Class known = objc_getClass(name.c_str())) return known;
+  Class made = objc_allocateClassPair(objc_getClass(superName), name.c_str(), 0);
+  objc_registerClassPair(made);
+  return made;
 }
 
 inline host::Object itemWith(id properties) {
@@ -131,14 +139,18 @@ inline void* registry() {
   return [NSException GetInstancesDictionaryKVZ];
 }
 
-// The first field of an instance of a wrapper class.
-inline id wrapped(const host::Object& instance) {
-  return *static_cast<id*>(host::data(instance));
+// A box around a host object, autoreleased.
+inline id boxed(const host::Object& object) {
+  return [static_cast<Class>(objc_getClass("KVZREALobjectWrapper")) wrap:object.handle()];
 }
 
-// Names "Claiming…" a subclass of the object's class and makes the object one of it, so that it
-// also says to be of each of the given classes.
-void claim(id object, const std::vector<std::string>& classNames);
+// Whether a variant holds a string at all.
+inline bool holdsString(const host::Object& variant) {
+  return static_cast<bool>(host::inspect(variant).value.as<host::String>());
+}
+
+// The first field of an instance of a wrapper class.
+inline id wrapped(const host::Object& instance) { return *static_cast<id*>(host::data(instance)); }
 
 // A host instance of the updater, whose handler answers what a test gives it. Loads the framework.
 class Feeder {
@@ -149,8 +161,8 @@ public:
                    {{"feedParametersForUpdater(sendingProfile as boolean) as dictionary()",
                      [this](host::Event&) { return host::Value(answer_); }}});
     instance_ = host::construct("Feeder", "Constructor");
-    auto* updater = reinterpret_cast<id>(host::get<int32_t>(instance_, "Handle"));
-    delegate_ = [static_cast<id<HasDelegate>>(updater) delegate];
+    id<HasDelegate> updater = reinterpret_cast<id>(host::get<int32_t>(instance_, "Handle"));
+    delegate_ = [updater delegate];
     EXPECT_TRUE(delegate_);
   }
   Feeder(const Feeder&) = delete;

@@ -40,14 +40,13 @@ std::vector<std::string> takeLog();
 // A folder of this test's own, removed when the process ends.
 const std::string& folder();
 
-class Test : public testing::TestWithParam<std::string> {
+class TestBase : public testing::Test {
 protected:
-  Test();
-  ~Test() override;
+  TestBase();
+  ~TestBase() override;
   void SetUp() override;
   void TearDown() override;
 
-  void start(Options options = {}) { session::start(GetParam(), options); }
   bool loadFramework() { return session::loadFramework(); }
   // This test leaves host references behind, for the reason it gives.
   void expectLosses(const host::Ledger& losses, const char* reason);
@@ -55,6 +54,12 @@ protected:
 private:
   void* pool_;
   host::Ledger losses_;
+};
+
+// The parameter is the host's profile.
+class Test : public TestBase, public testing::WithParamInterface<std::string> {
+protected:
+  void start(Options options = {}) { session::start(GetParam(), options); }
 };
 
 // Names of profiles for INSTANTIATE_TEST_SUITE_P: all of them, or one where the host's year makes

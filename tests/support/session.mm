@@ -63,23 +63,23 @@ std::vector<std::string> takeLog() {
   return std::exchange(logLines, {});
 }
 
-Test::Test() : pool_([NSAutoreleasePool new]) {}
+TestBase::TestBase() : pool_([NSAutoreleasePool new]) {}
 
-Test::~Test() { [static_cast<NSAutoreleasePool*>(pool_) drain]; }
+TestBase::~TestBase() { [static_cast<NSAutoreleasePool*>(pool_) drain]; }
 
-void Test::SetUp() {
+void TestBase::SetUp() {
   // Nothing of a test goes to the user's own defaults.
   setenv("HOME", folder().c_str(), 1);
   setenv("SPARKLE_DEFAULTS_DIR", folder().c_str(), 1);
   _NSLog_printf_handler = collectLog;
 }
 
-void Test::TearDown() {
+void TestBase::TearDown() {
   EXPECT_EQ(host::takeExceptions().size(), 0u) << "an exception is still pending in the host";
   EXPECT_EQ(host::ledger(), losses_) << host::leakReport();
 }
 
-void Test::expectLosses(const host::Ledger& losses, const char*) { losses_ = losses; }
+void TestBase::expectLosses(const host::Ledger& losses, const char*) { losses_ = losses; }
 
 namespace {
 testing::internal::ParamGenerator<std::string> names(const std::vector<std::string>& names) {

@@ -23,6 +23,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#if __has_feature(address_sanitizer)
+#include <sanitizer/lsan_interface.h>
+#endif
+
 // Apple's names, declared as the plug-in would.
 extern "C" {
 uint64_t objc_msgSend(id, SEL, ...);
@@ -394,10 +398,6 @@ TEST_F(Messages, ThatAreForwardedMayThrow) {
   TestForwarder* forwarder = [[TestForwarder new] autorelease];
   forwarder->target = [TestTarget doing:[] {}];
   EXPECT_EQ(text([send_guarded(forwarder, "raise") name]), "TestException");
-}
-
-TEST_F(Messages, RunInitializeAndPassOnWhatItThrows) {
-  EXPECT_EQ(uint32_t(send([NSMutableArray class], "array")) != 0, true);
 }
 
 // Exceptions
@@ -1259,6 +1259,14 @@ TEST_F(Numbers, OfSubclassesAreLeftAlone) {
 // The log
 
 namespace {
+#if __has_feature(address_sanitizer)
+using let_leak = __lsan::ScopedDisabler;
+#else
+struct let_leak {
+  ~let_leak() {}
+};
+#endif
+
 std::string logged;
 void keep_log(NSString* message) { logged += text(message); }
 } // namespace
@@ -1282,6 +1290,7 @@ TEST_F(Logging, GoesToGNUstepsLog) {
 
 TEST_F(Logging, PassesOnWhatADescriptionThrows) {
   TestUndescribed* object = [[TestUndescribed new] autorelease];
+  let_leak here; // GNUstep's log forgets its line when a description throws
   id thrown = guarded([&] { plugin_log(plug(@"%@"), plug(object)); });
   EXPECT_EQ(text([thrown name]), "NoDescription");
 }
@@ -1366,10 +1375,10 @@ TEST_F(FolderOfFiles, TellsNameParentAndIdentity) {
   memset(&info, 0xEE, sizeof info);
   HFSUniStr255 name;
   EXPECT_EQ(FSGetCatalogInfo(&item, kFSCatInfoNodeID, &info, &name, nullptr, &parent), noErr);
-  EXPECT_GT(info.nodeID, 15u);
-  EXPECT_EQ(info.parentDirID, 0xEEEEEEEEu); // not asked for
-  EXPECT_EQ(name.length, 2);
-  EXPECT_EQ(name.unicode[1], 0xE9);
+  EXPECT_GT(+info.nodeID, 15u);
+  EXPECT_EQ(+info.parentDirID, 0xEEEEEEEEu); // not asked for
+  EXPECT_EQ(+name.length, 2);
+  EXPECT_EQ(+name.unicode[1], 0xE9);
   EXPECT_EQ(files_path_from_ref(parent), folder);
   EXPECT_EQ(FSGetCatalogInfo(&parent, kFSCatInfoNone, nullptr, nullptr, nullptr, nullptr), noErr);
   EXPECT_NE(node_id(item), node_id(parent));
@@ -1399,11 +1408,11 @@ TEST_F(FolderOfFiles, CanBeAVolume) {
   HFSUniStr255 name;
   EXPECT_EQ(FSGetCatalogInfo(&own, 0, nullptr, &name, &spec, &parent), noErr);
   EXPECT_EQ(files_path_from_ref(parent), std::nullopt);
-  EXPECT_EQ(name.length, folder.size() - 5);
-  EXPECT_EQ(spec.parID, fsRtParID);
+  EXPECT_EQ(+name.length, folder.size() - 5);
+  EXPECT_EQ(+spec.parID, fsRtParID);
   EXPECT_EQ(files_path_from_spec(spec), folder);
   EXPECT_EQ(FSGetCatalogInfo(&item, 0, nullptr, nullptr, &spec, &parent), noErr);
-  EXPECT_EQ(spec.parID, fsRtDirID);
+  EXPECT_EQ(+spec.parID, fsRtDirID);
   EXPECT_EQ(files_path_from_spec(spec), folder + "/a");
   EXPECT_EQ(files_path_from_ref(parent), folder);
 }
@@ -1455,7 +1464,7 @@ TEST_F(FolderOfFiles, JoinsFoldersAndNames) {
   HFSUniStr255 name;
   FSRef parent = ref(folder);
   ASSERT_TRUE(files_name_from_path(folder + "/x\U0001D15E", name));
-  EXPECT_EQ(name.length, 3);
+  EXPECT_EQ(+name.length, 3);
   EXPECT_EQ(files_path_from_name(parent, name), folder + "/x\U0001D15E");
   name.length = 2; // half of a pair
   EXPECT_EQ(files_path_from_name(parent, name), std::nullopt);
@@ -1556,8 +1565,8 @@ TEST_F(Faults, MakeTheNthCallOfAFunctionFail) {
 TEST_F(Faults, ReachTheMemoryOfThePlugin) {
   faults_start(FAULTS_ALL_THREADS);
   faults_fail_call("calloc", 1);
-  EXPECT_EQ(enter(plugin_calloc, 1, 8), 0u);
-  uint64_t memory = enter(plugin_malloc, 8);
+  EXPECT_EQ((uint32_t)enter(plugin_calloc, 1, 8), 0u);
+  auto memory = (uint32_t)enter(plugin_malloc, 8);
   faults_stop();
   EXPECT_NE(memory, 0u);
   free((void*)memory);

@@ -105,6 +105,7 @@ protected:
   Journal steps; // "step: detail"
   std::atomic<int> ends{0};
   std::string end;
+  std::vector<int> children; // the programs that were relaunched
   SUUpdater* updater = nil;
   Recorder* recorder = nil;
 };

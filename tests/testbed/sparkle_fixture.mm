@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <sys/wait.h>
 
 // Receives the steps for a journal.
 @interface StepObserver : NSObject {
@@ -21,11 +22,6 @@ StepObserver* observer;
 }
 
 @implementation Recorder
-
-- (id)init {
-  if ((self = [super init])) chosen = -1;
-  return self;
-}
 
 - (BOOL)respondsToSelector:(SEL)selector {
   const std::string name = sel_getName(selector);
@@ -123,8 +119,8 @@ Sparkle::Sparkle() {
   observer = [[StepObserver alloc] init];
   observer->block = [this](NSDictionary* info) {
     const std::string name = text([info objectForKey:@"step"]);
-    std::string detail = text([info objectForKey:@"detail"]);
-    if (NSNumber* pid = [info objectForKey:@"pid"]) detail += " pid " + text([pid stringValue]);
+    const std::string detail = text([info objectForKey:@"detail"]);
+    if (NSNumber* pid = [info objectForKey:@"pid"]) children.push_back([pid intValue]);
     steps.add(name + ": " + detail + " [" + text([info objectForKey:@"thread"]) + "]");
     if (name == "finished" || name == "failed") {
       NSString* failure = [info objectForKey:@"failure"];
@@ -153,6 +149,8 @@ Sparkle::~Sparkle() {
   [recorder->invocation release];
   [recorder release];
   [pool drain];
+  // They write into the folder that is about to go.
+  for (const int child : children) waitpid(child, nullptr, 0);
   if (HasFailure())
     for (const std::string& line : steps.lines()) printf("  %s\n", line.c_str());
 }
