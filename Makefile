@@ -31,6 +31,10 @@ demo: build
 test: build check-format
 	@ctest --test-dir $(BUILD) --output-on-failure --progress -j $(JOBS)
 
+plugin: setup
+	@tools/build dev macho_plugin
+	@ls -l dist/SparkleKVZ.xojo_plugin
+
 check-format: setup
 	@tools/format --check
 

@@ -3,10 +3,16 @@ option(SPARKLEKVZ_COVERAGE "Build the product with source-based coverage" OFF)
 
 add_library(instrumentation INTERFACE)
 if(SPARKLEKVZ_SANITIZE)
-  set(sanitizers -fsanitize=address,undefined -fno-sanitize-recover=undefined -shared-libsan
+  # Everything here is called through addresses that were looked up: no function type is ever the
+  # one that was declared.
+  set(sanitizers -fsanitize=address,undefined -fno-sanitize=function
+                 -fno-sanitize-recover=undefined -shared-libsan
                  -fno-omit-frame-pointer)
   target_compile_options(instrumentation INTERFACE ${sanitizers})
-  target_link_options(instrumentation INTERFACE ${sanitizers})
+  execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-resource-dir
+    OUTPUT_VARIABLE resources OUTPUT_STRIP_TRAILING_WHITESPACE)
+  target_link_options(instrumentation INTERFACE
+    ${sanitizers} "-Wl,-rpath,${resources}/lib/linux")
 endif()
 if(SPARKLEKVZ_COVERAGE)
   target_link_options(instrumentation INTERFACE -fprofile-instr-generate)

@@ -600,10 +600,11 @@ TEST_P(Updater, ConstructorOfAFrameworkWithoutAnUpdaterLeavesItHalfBound) {
 TEST_P(Updater, AHalfBoundInstanceTakesAnotherConstructorAndLosesItsFirstDelegate) {
   start();
   for (const Constructor& constructor : constructors) {
+    SCOPED_TRACE(constructor.declaration);
+    fakes::answer("sharedUpdater") = fakes::answer("updaterForBundle:") = nil;
     host::Object updater = host::construct("SUUpdaterKVZ", "Constructor");
     id first = delegateOf(updater);
     if (fakes::frameworkClasses().empty()) loadFakes();
-    fakes::answer("sharedUpdater") = fakes::answer("updaterForBundle:") = nil;
     callConstructor(updater, constructor);
     id second = delegateOf(updater);
     EXPECT_NE(second, first);
@@ -920,57 +921,7 @@ TEST_P(Updater, ARelaunchPostponedWhileOneIsInvokedWaitsForTheNextInvokeUpdate) 
   }
 }
 
-} // namespace
-
-// ---- The shared initialisation, and a registry that tells what it is asked
-
-namespace {
-unsigned prepared;
-id registry;
-id answerRegistry(id, SEL) { return registry; }
-void notePreparation(id, SEL) { ++prepared; }
-
-void offer(const char* selector, void (*method)(), const char* types) {
-  class_addMethod(object_getClass([NSException class]), sel_registerName(selector),
-                  reinterpret_cast<IMP>(method), types);
-}
-} // namespace
-
-// Of pointers, none of which it retains.
-@interface TellingRegistry : NSMutableDictionary {
-  NSMapTable* entries;
-}
-@end
-@implementation TellingRegistry
-- (id)init {
-  entries =
-      NSCreateMapTable(NSNonOwnedPointerMapKeyCallBacks, NSNonOwnedPointerMapValueCallBacks, 4);
-  return self;
-}
-- (void)dealloc {
-  NSFreeMapTable(entries);
-  [super dealloc];
-}
-- (NSUInteger)count {
-  return NSCountMapTable(entries);
-}
-- (NSEnumerator*)keyEnumerator {
-  return nil;
-}
-- (id)objectForKey:(id)key {
-  return static_cast<id>(NSMapGet(entries, key));
-}
-- (void)setObject:(id)object forKey:(id)key {
-  fakes::note("registry: set", fakes::show(key));
-  NSMapInsert(entries, key, object);
-}
-- (void)removeObjectForKey:(id)key {
-  fakes::note("registry: remove", fakes::show(key));
-  if (key) NSMapRemove(entries, key);
-}
-@end
-
-namespace {
+// ---- The registry and the shared initialisation
 
 class UpdaterRegistry : public Updater {
 protected:
@@ -980,17 +931,12 @@ protected:
     fake = [[FakeUpdater new] autorelease];
     fakes::answer("sharedUpdater") = fakes::answer("updaterForBundle:") = fake;
   }
-  static void offerRegistry() {
-    registry = [[TellingRegistry new] autorelease];
-    offer("GetInstancesDictionaryKVZ", reinterpret_cast<void (*)()>(answerRegistry), "@8@0:4");
-    offer("PrepareNSExceptionKVZ", reinterpret_cast<void (*)()>(notePreparation), "v8@0:4");
-  }
 };
 INSTANTIATE_TEST_SUITE_P(Host, UpdaterRegistry, session::oneHost(), session::hostName);
 
 TEST_P(UpdaterRegistry, DestroyingAnEmptyInstanceStillRemovesTheNilKey) {
   startAlone();
-  offerRegistry();
+  fakes::offerRegistry();
   host::Object updater = host::create("SUUpdaterKVZ");
   updater.reset();
   EXPECT_THAT(fakes::received(), ElementsAre("registry: remove nil"));
@@ -998,9 +944,9 @@ TEST_P(UpdaterRegistry, DestroyingAnEmptyInstanceStillRemovesTheNilKey) {
 
 TEST_P(UpdaterRegistry, IsWrittenAfterBindingAndForgetsBeforeDetaching) {
   startAlone();
-  offerRegistry();
+  fakes::offerRegistry();
   host::Object updater = bound();
-  EXPECT_EQ([registry objectForKey:fake], static_cast<id>(updater.handle()));
+  EXPECT_EQ([fakes::registry() objectForKey:fake], static_cast<id>(updater.handle()));
   updater.reset();
   std::string attach = std::string("setDelegate: ") + delegateClass;
   EXPECT_THAT(fakes::received(), ElementsAre("sharedUpdater", attach, "registry: set FakeUpdater",
@@ -1009,63 +955,30 @@ TEST_P(UpdaterRegistry, IsWrittenAfterBindingAndForgetsBeforeDetaching) {
 
 TEST_P(UpdaterRegistry, IsNotWrittenWithoutAnUpdater) {
   startAlone();
-  offerRegistry();
+  fakes::offerRegistry();
   host::Object updater = host::construct("SUUpdaterKVZ", "Constructor");
   EXPECT_THAT(fakes::received(), IsEmpty());
   updater.reset();
   EXPECT_THAT(fakes::received(), ElementsAre("registry: remove nil"));
 }
 
-// One member a process would be the purest, but a member that does not initialise leaves all as
-// it was.
-TEST_P(UpdaterRegistry, PropertiesAndOtherActionsDoNotInitialise) {
+TEST_P(UpdaterRegistry, SomeMembersRunTheSharedInitialisation) {
   startAlone();
-  host::Object updater = fakes::wrapping("SUUpdaterKVZ", fake);
-  offerRegistry();
-  for (const Guarded& member : guardedMembers()) {
-    if (member.selector == "hostBundle" || member.selector == "checkForUpdates:") continue;
-    member.call(updater);
-    EXPECT_EQ(prepared, 0u) << member.name;
+  fakes::offerRegistry(nil);
+  host::Object updater;
+  auto initialises = [](const std::function<void()>& body) { return fakes::initialisations(body); };
+  EXPECT_EQ(initialises([&] { updater = host::create("SUUpdaterKVZ"); }), 1u);
+  EXPECT_EQ(initialises([&] { host::call(updater, "InvokeUpdate"); }), 1u);
+  EXPECT_EQ(initialises([&] { host::call(updater, "Constructor"); }), 1u);
+  EXPECT_EQ(initialises([&] { callConstructor(updater, constructors[1]); }), 1u);
+  for (bool isBound : {false, true}) {
+    if (isBound) updater = fakes::wrapping("SUUpdaterKVZ", fake);
+    for (const Guarded& member : guardedMembers()) {
+      bool expected = member.selector == "hostBundle" || member.selector == "checkForUpdates:";
+      EXPECT_EQ(initialises([&] { member.call(updater); }), expected ? 1u : 0u) << member.name;
+    }
+    EXPECT_EQ(initialises([&] { host::getValue(updater, "_exception as NSExceptionKVZ"); }), 0u);
   }
-  host::getValue(updater, "_exception as NSExceptionKVZ");
-  EXPECT_EQ(prepared, 0u);
-}
-
-class InitialisingMember : public UpdaterRegistry {
-protected:
-  void expectPrepared(const std::function<void(const host::Object&)>& body) {
-    startAlone();
-    host::Object updater = host::create("SUUpdaterKVZ");
-    EXPECT_EQ(prepared, 0u);
-    offerRegistry();
-    body(updater);
-    EXPECT_EQ(prepared, 1u);
-    body(updater);
-    EXPECT_EQ(prepared, 1u) << "once is enough";
-  }
-};
-INSTANTIATE_TEST_SUITE_P(Host, InitialisingMember, session::oneHost(), session::hostName);
-
-TEST_P(InitialisingMember, RegisteredConstructor) {
-  expectPrepared([](const host::Object&) { host::create("SUUpdaterKVZ"); });
-}
-TEST_P(InitialisingMember, InvokeUpdate) {
-  expectPrepared([](const host::Object& updater) { host::call(updater, "InvokeUpdate"); });
-}
-TEST_P(InitialisingMember, CheckForUpdates) {
-  expectPrepared([](const host::Object& updater) { host::call(updater, "checkForUpdates"); });
-}
-TEST_P(InitialisingMember, Constructor) {
-  expectPrepared([](const host::Object& updater) { host::call(updater, "Constructor"); });
-}
-TEST_P(InitialisingMember, ConstructorWithABundle) {
-  expectPrepared([](const host::Object& updater) {
-    host::call(updater, "Constructor(Bundle as folderitem)", nullptr);
-  });
-}
-TEST_P(InitialisingMember, HostBundle) {
-  expectPrepared(
-      [](const host::Object& updater) { host::getValue(updater, "hostBundle as folderitem"); });
 }
 
 } // namespace

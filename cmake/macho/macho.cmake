@@ -56,7 +56,7 @@ foreach(name libSystem libobjc CoreFoundation Foundation CoreServices Applicatio
   file(STRINGS "${list}" install_name LIMIT_COUNT 1)
   string(REPLACE "library " "" install_name "${install_name}")
   add_custom_command(OUTPUT "${stub}.dylib"
-    COMMAND ${MACHO_PYTHON} "${MACHO_DIR}/stub_library.py" "${list}" "${stub}.s"
+    COMMAND ${MACHO_PYTHON} -B "${MACHO_DIR}/stub_library.py" "${list}" "${stub}.s"
     COMMAND ${MACHO_CXX} ${MACHO_TARGET} -c "${stub}.s" -o "${stub}.o"
     COMMAND ${MACHO_LINKER} ${MACHO_LINK_FLAGS} -dylib -install_name "${install_name}" "${stub}.o"
             -o "${stub}.dylib"
@@ -93,13 +93,13 @@ function(macho_bundle target)
             --internalize-public-api-list=${MACHO_ENTRY} "${all}.bc" -o "${all}.opt.bc"
     COMMAND ${MACHO_GENERATE} -O2 -relocation-model=pic -mtriple=${MACHO_GENERATE_FOR}
             "${all}.opt.bc" -o "${all}.s"
-    COMMAND ${MACHO_PYTHON} "${MACHO_DIR}/bind.py" "${all}.s" "${all}.bound.s" ${MACHO_LISTS}
+    COMMAND ${MACHO_PYTHON} -B "${MACHO_DIR}/bind.py" "${all}.s" "${all}.bound.s" ${MACHO_LISTS}
     COMMAND ${MACHO_CXX} ${MACHO_TARGET} -c "${all}.bound.s" -o "${all}.o"
     COMMAND ${MACHO_LINKER} ${MACHO_LINK_FLAGS} -bundle -exported_symbol _${MACHO_ENTRY}
             "${all}.o" ${MACHO_LIBRARIES} -o "${arg_OUTPUT}.symbols"
     COMMAND ${MACHO_LINKER} ${MACHO_LINK_FLAGS} -bundle -exported_symbol _${MACHO_ENTRY}
             -image_base 0x10000000 "${all}.o" ${MACHO_LIBRARIES} -o "${arg_OUTPUT}.elsewhere"
-    COMMAND ${MACHO_PYTHON} "${MACHO_DIR}/finish.py" "${arg_OUTPUT}.symbols" "${arg_OUTPUT}"
+    COMMAND ${MACHO_PYTHON} -B "${MACHO_DIR}/finish.py" "${arg_OUTPUT}.symbols" "${arg_OUTPUT}"
             ${MACHO_LISTS}
     DEPENDS ${modules} ${MACHO_LISTS} ${MACHO_LIBRARIES} "${MACHO_DIR}/bind.py"
             "${MACHO_DIR}/finish.py" "${MACHO_DIR}/imports.py"

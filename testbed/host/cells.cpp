@@ -9,12 +9,16 @@
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
 #include <sanitizer/asan_interface.h>
+#include <sanitizer/lsan_interface.h>
 #define SPOIL(start, size) ASAN_POISON_MEMORY_REGION(start, size)
 #define UNSPOIL(start, size) ASAN_UNPOISON_MEMORY_REGION(start, size)
+// What living handles hold is the ledger's business.
+#define HOLDS_POINTERS(start, size) __lsan_register_root_region(start, size)
 #endif
 #endif
 #ifndef SPOIL
 #define SPOIL(start, size) ((void)0)
+#define HOLDS_POINTERS(start, size) ((void)0)
 #define UNSPOIL(start, size) ((void)0)
 #endif
 
@@ -53,6 +57,7 @@ void addChunk(size_t index) {
   uintptr_t end = start + chunkSize;
   if (address + 2 * chunkSize > end)
     munmap(reinterpret_cast<void*>(end), address + 2 * chunkSize - end);
+  HOLDS_POINTERS(reinterpret_cast<void*>(start), chunkSize);
   chunkSort[start / chunkSize] = uint8_t(1 + index);
   pools[index].fresh = reinterpret_cast<uint8_t*>(start);
   pools[index].freshLeft = chunkSize / slotSize(index);

@@ -1,10 +1,7 @@
 // Ends the process with a message and call stacks. Also captures the stacks.
 #include "internal.h"
 
-#include <cstdio>
 #include <cstdlib>
-#include <cxxabi.h>
-#include <dlfcn.h>
 #include <unistd.h>
 #include <unwind.h>
 
@@ -34,28 +31,6 @@ void walk(Stack& stack, int skip) {
   _Unwind_Backtrace(step, &argument);
 }
 
-std::string frameName(void* frame) {
-  char line[64];
-  Dl_info info{};
-  if (!dladdr(frame, &info) || !info.dli_fname) {
-    snprintf(line, sizeof line, "%p (no symbol)", frame);
-    return line;
-  }
-  std::string_view file = info.dli_fname;
-  if (size_t slash = file.rfind('/'); slash != file.npos) file.remove_prefix(slash + 1);
-  std::string name;
-  uintptr_t base = reinterpret_cast<uintptr_t>(info.dli_fbase);
-  if (info.dli_sname) {
-    base = reinterpret_cast<uintptr_t>(info.dli_saddr);
-    int status = 0;
-    char* readable = abi::__cxa_demangle(info.dli_sname, nullptr, nullptr, &status);
-    name = readable ? readable : info.dli_sname;
-    free(readable);
-  }
-  snprintf(line, sizeof line, "+0x%lx", (unsigned long)(reinterpret_cast<uintptr_t>(frame) - base));
-  return name + line + " in " + std::string(file);
-}
-
 [[noreturn]] void end(const std::string& text) {
   for (size_t done = 0; done < text.size();) {
     ssize_t written = write(STDERR_FILENO, text.data() + done, text.size() - done);
@@ -79,7 +54,8 @@ void capture(Stack& stack) {
 std::string print(const Stack& stack) {
   if (stack.count == 0) return "    (not recorded: call stacks are switched off)\n";
   std::string text;
-  for (int i = 0; i < stack.count; ++i) text += "    " + frameName(stack.frames[i]) + "\n";
+  for (int i = 0; i < stack.count; ++i)
+    if (stack.frames[i]) text += "    " + codeName(stack.frames[i]) + "\n";
   return text;
 }
 

@@ -1,8 +1,10 @@
 // Subclasses of the host program, and the native functions that plug-ins call to raise an event.
 #include "operations.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <deque>
 #include <sys/mman.h>
 
 namespace host {
@@ -17,6 +19,7 @@ struct Thunk {
 
 struct Records {
   std::vector<EventRecord> raised;
+  std::deque<Thunk> thunks; // the generated code refers to them for ever
   uint8_t* page = nullptr;
   size_t used = 0;
 };
@@ -94,7 +97,7 @@ void raise(void* context) {
   if (handle && result.type == Type::string) StringKind::lock(handle);
   if (handle && (result.type == Type::object || result.type == Type::variant))
     ObjectKind::lock(handle);
-  memcpy(raising.answer, answer.data(), answer.size() * 4);
+  std::copy(answer.begin(), answer.end(), raising.answer);
   if (recorded) {
     Guard guard(hostMutex());
     if (record < records().raised.size()) records().raised[record].answer = printed;
@@ -237,8 +240,7 @@ void handle(std::string_view className, std::string_view declaration, Handler ha
       slot.handler = shared;
       return;
     }
-  // The generated code refers to the Thunk for ever.
-  void* code = generate(new Thunk{&type, &event},
+  void* code = generate(&records().thunks.emplace_back(Thunk{&type, &event}),
                         answersFloating(event) ? hostRaiseFloatingEntry : hostRaiseEntry);
   type.handlers.push_back({&event, shared, code});
 }

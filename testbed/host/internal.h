@@ -24,6 +24,7 @@ struct Stack {
 };
 void capture(Stack& stack); // empties it when stacks are switched off
 std::string print(const Stack& stack);
+std::string codeName(void* address); // symbols.cpp
 
 // Message and present stack to standard error, then abort().
 [[noreturn]] void die(const std::string& message);

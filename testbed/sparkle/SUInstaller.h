@@ -12,7 +12,7 @@ NSString* SUFindBundle(NSString* unpacked, NSString* name);
 // `replacement` and is removed. NO with *reason set leaves `path` as it was.
 BOOL SUReplace(NSString* path, NSString* replacement, NSString** reason);
 
-// Starts the program of the bundle at `path` (or `path` itself) in a session of its own. It is a
-// child of this process, which nobody here waits for. Answers its process id, or -1 with *reason
+// Starts the program of the bundle at `path` (or `path` itself), detached from the terminal. It is
+// a child of this process, which nobody here waits for. Answers its process id, or -1 with *reason
 // set.
 int SULaunch(NSString* path, NSString** reason);

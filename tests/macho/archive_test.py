@@ -7,7 +7,6 @@ python3-macholib, llvm-objdump and llvm-nm.
 import os
 import pathlib
 import re
-import shutil
 import struct
 import subprocess
 import sys
@@ -114,9 +113,9 @@ class Archive(unittest.TestCase):
             self.assertEqual(archive.read(NAMES[0]), archive.read(NAMES[1]))
             self.assertEqual({(1980, 1, 1, 0, 0, 0)}, {i.date_time for i in archive.infolist()})
 
-    def test_unpacks_with_the_system_s_own_program(self):
+    def test_unpacks_with_another_program(self):
         with tempfile.TemporaryDirectory() as folder:
-            run("unzip", "-q", str(ARCHIVE), "-d", folder)
+            run("cmake", "-E", "chdir", folder, "cmake", "-E", "tar", "xf", str(ARCHIVE))
             self.assertEqual(bundle.bytes, (pathlib.Path(folder) / NAMES[0]).read_bytes())
 
     def test_is_what_the_build_made(self):
@@ -140,7 +139,7 @@ class Archive(unittest.TestCase):
             again = pathlib.Path(folder) / WORK.relative_to(build) / "SparkleKVZ.dylib"
             self.assertEqual(bundle.bytes, again.read_bytes())
             archive = pathlib.Path(folder) / "again.zip"
-            run(sys.executable, str(ROOT / "cmake/macho/archive.py"), str(archive),
+            run(sys.executable, "-B", str(ROOT / "cmake/macho/archive.py"), str(archive),
                 *(f"{name}={again}" for name in NAMES))
             self.assertEqual(ARCHIVE.read_bytes(), archive.read_bytes())
 

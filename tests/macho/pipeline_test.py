@@ -36,7 +36,7 @@ class Steps(unittest.TestCase):
         return str(path)
 
     def run_step(self, step, *arguments):
-        done = subprocess.run([sys.executable, str(STEPS / step), *arguments],
+        done = subprocess.run([sys.executable, "-B", str(STEPS / step), *arguments],
                               capture_output=True, text=True)
         return done.returncode, done.stderr
 

@@ -152,6 +152,46 @@ inline bool holdsString(const host::Object& variant) {
 // The first field of an instance of a wrapper class.
 inline id wrapped(const host::Object& instance) { return *static_cast<id*>(host::data(instance)); }
 
+// A Cocoa object as one line: numbers as their type code and value, collections with their
+// elements, the keys of dictionaries sorted by how they print.
+inline std::string print(id object) {
+  auto text = [](NSString* string) { return std::string([string UTF8String] ?: "(no UTF-8)"); };
+  if (!object) return "nil";
+  if (object == [NSNull null]) return "null";
+  if ([object isKindOfClass:[NSNumber class]]) {
+    std::string code = [object objCType];
+    NSString* format = code == "Q" ? @"%llu" : @"%lld";
+    NSString* value = code == "f" || code == "d"
+                          ? [NSString stringWithFormat:@"%.17g", [object doubleValue]]
+                          : [NSString stringWithFormat:format, [object longLongValue]];
+    return code + ":" + text(value);
+  }
+  if ([object isKindOfClass:[NSString class]]) return "\"" + text(object) + "\"";
+  if ([object isKindOfClass:[NSDate class]])
+    return text([object descriptionWithCalendarFormat:@"%Y-%m-%d %H:%M:%S"
+                                             timeZone:nil
+                                               locale:nil]);
+  if ([object isKindOfClass:[NSData class]])
+    return "data \"" + std::string(static_cast<const char*>([object bytes]), [object length]) +
+           "\"";
+  if ([object isKindOfClass:[NSURL class]]) return text([object absoluteString]);
+  if ([object isKindOfClass:[NSArray class]]) {
+    std::string all = "[";
+    for (NSUInteger i = 0; i < [object count]; ++i)
+      all += (i ? ", " : "") + print([object objectAtIndex:i]);
+    return all + "]";
+  }
+  if ([object isKindOfClass:[NSDictionary class]]) {
+    std::map<std::string, std::string> sorted;
+    NSEnumerator* keys = [object keyEnumerator];
+    while (id key = [keys nextObject]) sorted[print(key)] = print([object objectForKey:key]);
+    std::string all = "{";
+    for (auto& [key, value] : sorted) all += (all.size() > 1 ? ", " : "") + key + ": " + value;
+    return all + "}";
+  }
+  return object_getClassName(object);
+}
+
 // A host instance of the updater, whose handler answers what a test gives it. Loads the framework.
 class Feeder {
 public:
@@ -168,8 +208,7 @@ public:
   Feeder(const Feeder&) = delete;
   Feeder& operator=(const Feeder&) = delete;
 
-  // What the framework gets when the handler answers this. The handler's own reference stays here
-  // until the next call or reset.
+  // What the framework gets when the handler answers this.
   NSArray* ask(const host::Object& array) {
     answer_ = array;
     id answer = [static_cast<id<FeedDelegate>>(delegate_) feedParametersForUpdater:nil
@@ -178,22 +217,44 @@ public:
     return answer;
   }
 
-  // What one host dictionary becomes; nil when that ended in an exception, which was logged.
+  // What one host dictionary becomes; nil when that ended in an exception. Then the callback gives
+  // back neither the array nor the element that it held, which is made good here.
   NSDictionary* convertDictionary(const host::Object& dictionary) {
-    NSArray* answer = ask(host::array(9, {dictionary}));
-    return [answer count] ? [answer objectAtIndex:0] : nil;
+    host::Object array = host::array(9, {dictionary});
+    int held = host::referenceCount(dictionary);
+    NSArray* answer = ask(array);
+    log_ = session::takeLog();
+    if ([answer count]) {
+      EXPECT_EQ(host::referenceCount(array), 1);
+      return [answer objectAtIndex:0];
+    }
+    EXPECT_EQ(log_.size(), 1u);
+    EXPECT_EQ(host::referenceCount(array), 2);
+    EXPECT_EQ(host::referenceCount(dictionary), held + 1);
+    if (host::referenceCount(array) == 2) host::Object::adopt(array.handle()).reset();
+    if (host::referenceCount(dictionary) > held) host::Object::adopt(dictionary.handle()).reset();
+    return nil;
   }
 
   id convert(const host::Value& value) {
     NSDictionary* dictionary = convertDictionary(host::dictionary({{"value", value}}));
-    id result = [dictionary objectForKey:@"value"];
-    if (!result) ADD_FAILURE() << "the whole conversion gave nil";
+    EXPECT_EQ([dictionary count], 1u) << logged();
+    id result = [[dictionary allValues] lastObject]; // the key may be what cannot be read
     return result == [NSNull null] ? nil : result;
   }
+  std::string printed(const host::Value& value) { return print(convert(value)); }
+
+  // Whether the conversion of this value ends in an exception, with nothing else lost.
+  bool raises(const host::Value& value) {
+    return !convertDictionary(host::dictionary({{"value", value}}));
+  }
+  // What the last conversion logged: the exception that ended it, if there was one.
+  std::string logged() const { return log_.empty() ? "" : log_.front(); }
 
 private:
   host::Object answer_, instance_;
   id delegate_ = nil;
+  std::vector<std::string> log_;
 };
 
 } // namespace conversion

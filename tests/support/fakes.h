@@ -41,6 +41,8 @@ struct State {
   std::map<std::string, bool> flags;
   double interval = 0;
   id delegate = nil; // of FakeUpdater, not retained
+  id registry = nil;
+  unsigned initialisations = 0;
   std::atomic<unsigned> freed{0};
 };
 inline State& state() {
@@ -336,3 +338,64 @@ FAKE_ANSWER(bundlePath)
 @implementation FakeInvocation
 FAKE_ACTION(invoke)
 @end
+
+// A registry that tells what it is asked, for a host without the companion: nothing is there until
+// offerRegistry() is called. Of pointers, none of which it retains.
+@interface TellingRegistry : NSMutableDictionary {
+  NSMapTable* entries;
+}
+@end
+@implementation TellingRegistry
+- (id)init {
+  entries =
+      NSCreateMapTable(NSNonOwnedPointerMapKeyCallBacks, NSNonOwnedPointerMapValueCallBacks, 4);
+  return self;
+}
+- (void)dealloc {
+  NSFreeMapTable(entries);
+  [super dealloc];
+}
+- (NSUInteger)count {
+  return NSCountMapTable(entries);
+}
+- (NSEnumerator*)keyEnumerator {
+  return nil;
+}
+- (id)objectForKey:(id)key {
+  return static_cast<id>(NSMapGet(entries, key));
+}
+- (void)setObject:(id)object forKey:(id)key {
+  fakes::note("registry: set", fakes::show(key));
+  NSMapInsert(entries, key, object);
+}
+- (void)removeObjectForKey:(id)key {
+  fakes::note("registry: remove", fakes::show(key));
+  if (key) NSMapRemove(entries, key);
+}
+@end
+
+namespace fakes {
+
+inline id registry() { return state().registry; }
+
+inline id answerRegistry(id, SEL) {
+  ++state().initialisations;
+  return registry();
+}
+
+inline void offerRegistry(id registry = [[TellingRegistry new] autorelease]) {
+  state().registry = registry;
+  class_addMethod(object_getClass([NSException class]),
+                  sel_registerName("GetInstancesDictionaryKVZ"),
+                  reinterpret_cast<IMP>(answerRegistry), "@8@0:4");
+}
+
+// How often BODY runs the shared initialisation, which asks for the registry until it gets one:
+// call offerRegistry(nil) before.
+inline unsigned initialisations(const std::function<void()>& body) {
+  state().initialisations = 0;
+  body();
+  return state().initialisations;
+}
+
+} // namespace fakes

@@ -582,6 +582,26 @@ TEST_F(Exceptions, OfLeaveCalledByNativeCodePassNatively) {
   EXPECT_EQ(text([thrown_by([&] { crossing_leave(run_work, &nested); }) name]), "Handler");
 }
 
+TEST_F(Exceptions, OfCoreFoundationCalledByNativeCodeStayNative) {
+  id seen = nil;
+  bool ran = false;
+  TestTarget* target = [TestTarget doing:[&] {
+    unichar buffer[4];
+    @try {
+      @try {
+        CFStringGetCharacters(@"ab", 1, 2, buffer);
+      } @finally {
+        ran = true;
+      }
+    } @catch (id thrown) {
+      seen = thrown;
+    }
+  }];
+  EXPECT_EQ(send_guarded(target, "perform"), nil);
+  EXPECT_EQ(text([seen name]), "NSRangeException");
+  EXPECT_TRUE(ran);
+}
+
 TEST_F(Exceptions, WithNowhereToGoEndTheProcess) {
   EXPECT_DEATH(plugin_throw(plug([TestTarget doing:[] {}])),
                "objc_exception_throw: an object of class TestTarget");
@@ -1043,10 +1063,12 @@ TEST_F(Dictionaries, DoNotMindANullKey) {
 TEST_F(Dictionaries, ServeSeveralThreads) {
   id dictionary = CFDictionaryCreateMutable(nullptr, 0, nullptr, nullptr);
   std::vector<std::thread> threads;
-  std::atomic<int> wrong = 0;
+  std::atomic<int> waiting = 4, wrong = 0;
   for (uintptr_t n = 1; n <= 4; ++n)
     threads.emplace_back([&, n] {
-      for (uintptr_t key = n << 16; key < (n << 16) + 2000; ++key) {
+      --waiting;
+      while (waiting) std::this_thread::yield();
+      for (uintptr_t key = n << 16; key < (n << 16) + 20000; ++key) {
         CFDictionarySetValue(dictionary, (void*)key, (void*)(key + 1));
         if (CFDictionaryGetValue(dictionary, (void*)key) != (void*)(key + 1)) ++wrong;
         if (key % 2) CFDictionaryRemoveValue(dictionary, (void*)key);
@@ -1054,7 +1076,7 @@ TEST_F(Dictionaries, ServeSeveralThreads) {
     });
   for (auto& each : threads) each.join();
   EXPECT_EQ(wrong, 0);
-  EXPECT_EQ(CFDictionaryGetCount(dictionary), 4000);
+  EXPECT_EQ(CFDictionaryGetCount(dictionary), 40000);
   CFRelease(dictionary);
 }
 
@@ -1557,6 +1579,7 @@ TEST_F(Faults, MakeTheNthCallOfAFunctionFail) {
   faults_fail_call(nullptr, 3);
   EXPECT_EQ(CFStringCreateWithCString(nullptr, "a", 0), nil);
   faults_stop();
+  CFRelease(CFStringCreateWithCString(nullptr, "a", 0)); // not counted any more
   EXPECT_EQ(faults_calls(nullptr), 3u);
   EXPECT_EQ(faults_fired(), 2u);
   CFRelease(first);

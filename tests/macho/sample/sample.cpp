@@ -127,8 +127,7 @@ extern "C" __attribute__((visibility("default"))) void REALPluginMain(Resolver r
   double product = weights[2] * weights[1] + 1.0 / 3;
   say("doubles: %.17g %.17g", product, static_cast<double>(static_cast<std::uint64_t>(weights[1])));
   std::int64_t wide = static_cast<std::int64_t>(product) * 123457;
-  say("integers: %lld %u", static_cast<long long>(wide),
-      static_cast<unsigned>(wide >> 5));
+  say("integers: %lld %u", static_cast<long long>(wide), static_cast<unsigned>(wide >> 5));
   say("cached: %d %d %d", cached<3>(), cached<4000>(), cached<3>());
   for (value = 0; value < 2; value = value + 1)
     say("shape: %s %d", shapes[value]->name(), shapes[value]->sides());
