@@ -1,12 +1,11 @@
 # What a person types. Each target does its own set-up; underneath are CMake, Ninja and CTest.
 
-JOBS     := $(shell nproc)
 PRESET   := $(if $(SANITIZE),sanitize,dev)
 BUILD    := build/$(PRESET)
 # The system root's own tables, without which GNUstep's text conversions fall back.
 export GCONV_PATH := $(CURDIR)/build/sysroot/usr/lib/i386-linux-gnu/gconv
 
-.PHONY: help setup build demo test plugin format check-format clean
+.PHONY: help setup build demo test plugin coverage format check-format clean
 
 help:
 	@sed -n 's/^#: //p' Makefile
@@ -14,6 +13,7 @@ help:
 #: make demo      run a whole update: HOST=2011.4  FEED=URL  CHECK=information  PLUGIN=macho
 #: make test      run every test; SANITIZE=1 runs them under the sanitizers
 #: make plugin    build dist/SparkleKVZ.xojo_plugin, the file for the host's Plugins folder
+#: make coverage  lines and branches that the tests reach, as a report
 #: make format    format the sources
 #: make clean     remove what was built, but keep the 32-bit system root
 
@@ -23,13 +23,17 @@ setup:
 build: setup
 	@tools/build $(PRESET)
 
-demo: build
+demo: setup
+	@tools/build $(PRESET) demo
 	@$(BUILD)/bin/demo $(if $(HOST),--host=$(HOST)) $(if $(FEED),--feed='$(FEED)') \
 	  $(if $(CHECK),--check=$(CHECK)) $(if $(PLUGIN),--plugin=$(PLUGIN)) \
 	  $(if $(COMPARATOR),--comparator=$(COMPARATOR))
 
 test: build check-format
-	@ctest --test-dir $(BUILD) --output-on-failure --progress -j $(JOBS)
+	@tools/test $(PRESET)
+
+coverage: setup
+	@tools/coverage
 
 plugin: setup
 	@tools/build dev macho_plugin
