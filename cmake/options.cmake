@@ -25,7 +25,7 @@ target_compile_options(warnings INTERFACE -Wall -Wextra -Werror)
 set(GNUSTEP_ROOT "${CMAKE_SYSROOT}/usr")
 add_library(gnustep INTERFACE)
 target_compile_options(gnustep INTERFACE
-  -fexceptions
+  $<$<COMPILE_LANGUAGE:OBJC,OBJCXX>:-fexceptions>
   $<$<COMPILE_LANGUAGE:OBJC,OBJCXX>:-fobjc-runtime=gcc>
   $<$<COMPILE_LANGUAGE:OBJC,OBJCXX>:-fobjc-exceptions>
   $<$<COMPILE_LANGUAGE:OBJC,OBJCXX>:-fconstant-string-class=NSConstantString>)

@@ -231,9 +231,9 @@ struct CFWrapper {
 
 constexpr std::uint32_t kCFWrapperTag = 0x52424346; // "RBCF"
 
-REALobjectStruct* wrappedImage(CFTypeRef image) {
+REALobjectStruct* wrappedImage(CFTypeRef image, const char* wrapperName) {
   CGImageRetain(image);
-  REALobjectStruct* instance = REALnewInstance("CGImageKVZ");
+  REALobjectStruct* instance = REALnewInstance(wrapperName);
   if (instance) {
     familyRecord<CFTypeRef>(instance) = image;
   } else {
@@ -244,7 +244,7 @@ REALobjectStruct* wrappedImage(CFTypeRef image) {
 
 REALobjectStruct* wrappedCFObject(CFTypeRef object) {
   const CFTypeRule* rule = cfTypeRule(CFGetTypeID(object));
-  if (rule && rule->isImage) return wrappedImage(object);
+  if (rule && rule->isImage) return wrappedImage(object, rule->wrapperName);
   CFRetain(object);
   REALobjectStruct* instance = rule ? REALnewInstance(rule->wrapperName) : nullptr;
   if (!instance) instance = REALnewInstance("CFObjectKVZ");

@@ -706,6 +706,14 @@ TEST_P(Delegate, AsksForTheBestItemOfNoAppcastWithNil) {
   EXPECT_EQ(host::events().size(), 1u);
 }
 
+TEST_P(Delegate, AnAnsweredInstanceOfAnotherClassIsReadAsTheDeclaredOne) {
+  start();
+  host::Object other = fakes::wrapping("SUAppcastItemKVZ", item);
+  host::handle("MyUpdater", versionComparator, [&](host::Event&) { return other; });
+  EXPECT_EQ([delegate versionComparatorForUpdater:nil], item);
+  EXPECT_EQ(host::referenceCount(other), 1);
+}
+
 // ---- Feed parameters
 
 class FeedParameters : public Delegate {
@@ -784,6 +792,14 @@ TEST_P(FeedParameters, OfAnEmptyDictionaryAreAnEmptyDictionary) {
   start();
   NSArray* answer = ask(host::array(objects, {host::dictionary()}));
   EXPECT_TRUE([answer isEqual:@[ @{} ]]);
+}
+
+TEST_P(FeedParameters, OfAnElementThatIsNoDictionaryAreAnEmptyDictionary) {
+  start();
+  host::Object date = host::date({});
+  NSArray* answer = ask(host::array(objects, {date}));
+  EXPECT_TRUE([answer isEqual:@[ @{} ]]);
+  EXPECT_EQ(host::referenceCount(date), 1);
 }
 
 TEST_P(FeedParameters, AreThoseBeforeANilElement) {

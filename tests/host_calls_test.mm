@@ -417,6 +417,7 @@ TEST_P(HostWithout, OneOperationIsSurvivedByAllMembers) {
   session::start(host);
   host::makeAbsent(operation);
   {
+    host::Pool pool; // may hold host objects in boxes
     Scene scene;
     for (const Row& row : rows) row.use(scene);
     host::makePresent(operation);
@@ -441,7 +442,8 @@ INSTANTIATE_TEST_SUITE_P(Operations, HostWithout,
                          testing::Combine(testing::Values("2012.0", "2013.03"),
                                           testing::ValuesIn(separableOperations())),
                          [](const auto& info) {
-                           std::string name = std::get<0>(info.param) + std::get<1>(info.param);
+                           std::string name =
+                               std::get<0>(info.param) + " " + std::get<1>(info.param);
                            for (char& c : name)
                              if (!isalnum(static_cast<unsigned char>(c))) c = '_';
                            return name;

@@ -33,7 +33,7 @@ using testing::ElementsAreArray;
 - (const char*)objCType                      { return code; }
 - (void)getValue:(void*)buffer               { *static_cast<char*>(buffer) = 0; }
 - (BOOL)boolValue                            { return 1; }
-- (signed char)charValue                     { return -2; }
+- (signed char)charValue                     { return 0; }
 - (unsigned char)unsignedCharValue           { return 203; }
 - (short)shortValue                          { return -30004; }
 - (unsigned short)unsignedShortValue         { return 60005; }
@@ -806,8 +806,9 @@ TEST_P(ToHostRules, EachStructIsReadByItsOwnMessage) {
 TEST_P(ToHostRules, AValueOfAnotherTypeGivesNull) {
   start();
   CodedValue* value = [[CodedValue new] autorelease];
-  for (const char* code : {"", "i", "@", "^v", "{_NSRange=QQ}", "{_NSPoint=dd}", "{?=qll}x",
-                           "r{_NSSize=ff}", "{?=qiIqq}", "{_NSRect={_NSPoint=ff}}"}) {
+  for (const char* code :
+       {"", "i", "@", "^v", "{_NSPoint=ff}x", "{_NSSize=ff}{_NSSize=ff}", "{_NSRange=QQ}",
+        "{_NSPoint=dd}", "{?=qll}x", "r{_NSSize=ff}", "{?=qiIqq}", "{_NSRect={_NSPoint=ff}}"}) {
     value->code = code;
     EXPECT_FALSE(toHost(value)) << code;
   }

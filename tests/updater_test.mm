@@ -363,6 +363,15 @@ TEST_P(UpdaterFeed, IsClearedByNilAndByWhatIsNoURL) {
   EXPECT_FALSE(host::get<host::String>(updater, "feedURL as string"));
 }
 
+TEST_P(UpdaterFeed, IsClearedByTextThatCannotBeRead) {
+  start();
+  host::Object updater = fakes::wrapping("SUUpdaterKVZ", fake);
+  host::makeAbsent("REALGetStringCFString");
+  host::set(updater, "feedURL as string", host::string("http://example.org/\xFF\xFE"));
+  EXPECT_THAT(fakes::received(), ElementsAre("setFeedURL: nil"));
+  EXPECT_EQ(host::pendingExceptions(), 0u);
+}
+
 TEST_P(UpdaterFeed, KeepsNoReferenceOnTheTextOrTheURL) {
   start();
   host::Object updater = fakes::wrapping("SUUpdaterKVZ", fake);

@@ -15,7 +15,8 @@ with zipfile.ZipFile(draft, "w", zipfile.ZIP_STORED) as archive:
     for name, path in sorted(entry.split("=", 1) for entry in entries):
         info = zipfile.ZipInfo(name, date_time=(1980, 1, 1, 0, 0, 0))
         info.create_system = 3
-        info.external_attr = 0o100755 << 16
+        executable = name.endswith(".dylib")
+        info.external_attr = (0o100755 if executable else 0o100644) << 16
         with open(path, "rb") as file:
             archive.writestr(info, file.read())
 os.replace(draft, output)

@@ -169,11 +169,11 @@ int run(const Options& options) {
   std::string feed =
       options.feed.empty() ? publishReleases(server, application, keys) : options.feed;
 
-  printf("Demo %s is installed. Host %s, plug-in %s, feed %s\n", installedVersion,
-         options.host.c_str(),
-         options.plugin == "elf" ? "SparkleKVZ.so (ELF build)"
-                                 : "SparkleKVZ.dylib (the bundle that ships)",
-         feed.c_str());
+  printf("SparkleKVZ %s, %s, in a host of %s.\nDemo %s is installed; its feed is %s\n\n",
+         SPARKLEKVZ_VERSION,
+         options.plugin == "elf" ? "the ELF build (libSparkleKVZ.so)"
+                                 : "the bundle that ships (SparkleKVZ.dylib, Mach-O)",
+         options.host.c_str(), installedVersion, feed.c_str());
   printf("step thread          who        what\n");
 
   road::heading("Start-up");

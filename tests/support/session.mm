@@ -22,8 +22,15 @@ void collectLog(NSString* line) {
 
 void loadThePlugin() {
   const char* kind = std::getenv("SPARKLEKVZ_PLUGIN");
-  if (!kind || std::string(kind) == "elf") {
+  if (!kind) {
+    // No default: a test of the bundle that silently ran the other build would prove nothing.
+    fprintf(stderr, "Set SPARKLEKVZ_PLUGIN to elf, or to the path of a plug-in.\n");
+    abort();
+  }
+  if (std::string_view(kind) == "elf") {
     host::loadPlugin(ELF_PLUGIN_PATH);
+  } else if (std::string_view(kind).ends_with(".so")) {
+    host::loadPlugin(kind);
   } else {
     // Mapped for the life of the process, as the host does it.
     static auto bundle = loader::loadFile(kind);

@@ -1,0 +1,56 @@
+#tag Class
+Protected Class MyUpdater
+Inherits UpdateQuestions
+	#tag Event
+		Function pathToRelaunchForUpdater() as string
+		  // What to start. The framework takes your own application when this event is left out; it stands
+		  // here to show how such a path is made.
+		  return mRelaunchPath
+		End Function
+	#tag EndEvent
+
+	#tag Event
+		Function shouldPostponeRelaunchForUpdate(sendingProfile as SUAppcastItemKVZ) as boolean
+		  // The parameter is called sendingProfile, but it is the release.
+		  //
+		  // This may be another thread, and asking people about their documents needs the main thread. So
+		  // only set a property here. RelaunchTimer sees it a moment later.
+		  RelaunchWaits = App.HasUnsavedDocuments
+		  return RelaunchWaits
+		End Function
+	#tag EndEvent
+
+	#tag Method, Flags = &h0
+		Sub Constructor()
+		  Super.Constructor
+
+		  // hostBundle is the application's own folder. Its address is "file:///Applications/...", or on older
+		  // systems "file://localhost/Applications/...", with blanks and the like escaped.
+		  dim bundle as FolderItem = hostBundle
+		  if bundle = nil then return
+		  dim address as String = Replace(bundle.URLPath, "file://localhost/", "file:///")
+		  mRelaunchPath = DecodeURLComponent(Replace(address, "file://", ""))
+		End Sub
+	#tag EndMethod
+
+	#tag Method, Flags = &h0
+		Sub RelaunchIfReady()
+		  // InvokeUpdate completes what was postponed, once. Without anything postponed it would raise a
+		  // NilObjectException.
+		  if RelaunchWaits and not App.HasUnsavedDocuments then
+		    RelaunchWaits = false
+		    InvokeUpdate
+		  end if
+		End Sub
+	#tag EndMethod
+
+	#tag Property, Flags = &h0
+		RelaunchWaits As Boolean
+	#tag EndProperty
+
+	#tag Property, Flags = &h21
+		Private mRelaunchPath As String
+	#tag EndProperty
+
+End Class
+#tag EndClass

@@ -1,0 +1,92 @@
+// What the fuzz targets of the plug-in stand on: a host, the companion, the plug-in, and for each
+// input the plug-in's globals as they were after that.
+//
+//   void LLVMFuzzerInitialize: fuzz::start({}); fuzz::remember();
+//   int LLVMFuzzerTestOneInput: return fuzz::execute(data, size, [](fuzz::Input& input) { ... });
+//
+// A plug-in keeps its globals for life, the addresses of host operations first of all. Executing an
+// input puts the bytes of its writable segment back to what they were, so that an operation can be
+// absent in one input and there in the next, and an input behaves alike wherever it stands in a
+// run. The library is loaded once: what the runtime knows of it, classes above all, stays good.
+//
+// The host's year is that of SPARKLEKVZ_HOST, 2013.03 without it. Everything runs on the main
+// thread. Whatever is wrong ends the process with a message.
+#pragma once
+
+#include "testbed/host/host.h"
+
+#import <Foundation/Foundation.h>
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+namespace fuzz {
+
+// An input, read from its front. Where it ends, zeros follow.
+class Input {
+public:
+  Input(const uint8_t* data, size_t size) : at_(data), end_(data + size) {}
+  size_t left() const { return static_cast<size_t>(end_ - at_); }
+  uint8_t byte() { return at_ == end_ ? 0 : *at_++; }
+  template <typename T> T number() {
+    T value{};
+    std::string_view taken = bytes(sizeof value);
+    memcpy(&value, taken.data(), taken.size());
+    return value;
+  }
+  std::string_view bytes(size_t most) {
+    std::string_view taken(reinterpret_cast<const char*>(at_), most < left() ? most : left());
+    at_ += taken.size();
+    return taken;
+  }
+  std::string_view rest() { return bytes(left()); }
+
+private:
+  const uint8_t *at_, *end_;
+};
+
+struct Options {
+  bool companion = true;
+};
+
+// The year of the host that was asked for.
+const char* hostName();
+
+// Starts the host, and loads the plug-ins into it. What they log is dropped.
+void start(Options options);
+// Starts the host of another year and opens the plug-in without calling its entry, which is
+// answered.
+void* open(const char* hostName);
+
+void remember();
+void recall();
+
+[[noreturn]] void fail(const std::string& what);
+inline void require(bool holds, const std::string& what) {
+  if (!holds) fail(what);
+}
+
+// recall(), BODY in a pool of its own, then the accounts: no exception is pending in the host, no
+// host object alive, nothing in the companion's registry, and Cocoa objects do not grow in number
+// when the same input comes again and again.
+int execute(const uint8_t* data, size_t size, void (*body)(Input&));
+
+// An instance of the host class around OBJECT, with a reference of its own on it.
+host::Object instanceOf(std::string_view className, id object);
+
+// Makes the plug-in take these classes for the framework's; nil for one that is missing.
+bool loadFramework(Class updater, Class appcast, Class item);
+// The framework of the testbed.
+bool loadFramework();
+
+} // namespace fuzz
+
+// A string of any UTF-16 units, lone surrogates too. Counted while it lives.
+@interface AnyString : NSString {
+  std::u16string* units;
+}
++ (instancetype)stringWithUnits:(std::u16string)units;
++ (int)alive;
+@end

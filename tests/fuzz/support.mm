@@ -1,0 +1,276 @@
+#include "support.h"
+
+#include "testbed/companion/companion.h"
+
+#include <objc/runtime.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <link.h>
+#include <map>
+#include <vector>
+
+// GNUstep's header hides them from programs with NDEBUG.
+extern "C" {
+BOOL GSDebugAllocationActive(BOOL active);
+int GSDebugAllocationCount(Class type);
+}
+
+extern "C" const char* __asan_default_options() {
+  // The host's ledger and the counts below see more than the leak checker, which takes GNUstep's
+  // own tables for leaks.
+  return "detect_leaks=0:allocator_may_return_null=1";
+}
+
+// The plug-in makes its Cocoa classes anew when its globals are put back. It gets the same ones
+// again: the runtime knows no other of these names, and their functions are still where they were.
+extern "C" Class objc_allocateClassPair(Class superclass, const char* name, size_t extraBytes) {
+  static auto* original =
+      reinterpret_cast<Class (*)(Class, const char*, size_t)>(dlsym(RTLD_NEXT, __func__));
+  if (!strncmp(name, "MySU", 4))
+    if (Class made = objc_lookUpClass(name)) return made;
+  return original(superclass, name, extraBytes);
+}
+
+namespace fuzz {
+
+namespace {
+
+const companion_api* companion;
+std::string pluginPath = PLUGIN_PATH;
+void (*counters)(char** start, char** stop);
+
+// ---- The plug-in's writable memory
+
+struct Part {
+  uintptr_t start, end;
+  std::vector<uint32_t> kept;
+};
+std::vector<Part> parts;
+
+// The compiler's and the sanitizer's own ways to copy memory refuse the red zones around globals.
+__attribute__((no_sanitize("address"), no_builtin)) void copyWords(uint32_t* to,
+                                                                   const uint32_t* from,
+                                                                   size_t count) {
+  for (size_t i = 0; i < count; ++i) to[i] = from[i];
+}
+
+void addPart(uintptr_t start, uintptr_t end) {
+  start = (start + 3) & ~uintptr_t{3};
+  end &= ~uintptr_t{3};
+  if (start < end) parts.push_back({start, end, std::vector<uint32_t>((end - start) / 4)});
+}
+
+// All that is writable for good, but the coverage counters, which are the fuzzer's.
+int findParts(dl_phdr_info* info, size_t, void*) {
+  if (pluginPath != info->dlpi_name) return 0;
+  uintptr_t sealedStart = 0, sealedEnd = 0;
+  for (int i = 0; i < info->dlpi_phnum; ++i) {
+    const auto& header = info->dlpi_phdr[i];
+    if (header.p_type != PT_GNU_RELRO) continue;
+    sealedStart = info->dlpi_addr + header.p_vaddr;
+    sealedEnd = sealedStart + header.p_memsz;
+  }
+  char *first, *last;
+  counters(&first, &last);
+  auto countersStart = reinterpret_cast<uintptr_t>(first);
+  auto countersEnd = reinterpret_cast<uintptr_t>(last);
+  for (int i = 0; i < info->dlpi_phnum; ++i) {
+    const auto& header = info->dlpi_phdr[i];
+    if (header.p_type != PT_LOAD || !(header.p_flags & PF_W)) continue;
+    uintptr_t start = info->dlpi_addr + header.p_vaddr, end = start + header.p_memsz;
+    if (start >= sealedStart && start < sealedEnd) start = sealedEnd;
+    if (countersStart >= start && countersEnd <= end) {
+      addPart(start, countersStart);
+      addPart(countersEnd, end);
+    } else {
+      addPart(start, end);
+    }
+  }
+  return 1;
+}
+
+// ---- Cocoa's accounts
+
+int live(const char* name) {
+  Class type = objc_lookUpClass(name);
+  return type ? GSDebugAllocationCount(type) : 0;
+}
+
+// What the plug-in handles. Others come and go with GNUstep's own caches.
+const char* const counted[] = {
+    "GSArray", "GSMutableArray", "GSDictionary", "GSMutableDictionary", "GSSet", "GSMutableSet",
+    "GSCInlineString", "GSUInlineString", "GSCBufferString", "GSUnicodeBufferString",
+    "GSMutableString", "TestbedUnitString", "NSGDate", "NSCalendarDate", "NSDataMalloc",
+    "NSDataStatic", "NSURL", "NSIntNumber", "NSLongLongNumber", "NSFloatNumber", "NSDoubleNumber",
+    "NSException", "AnyString", "MySUUpdaterDelegateInformalProtocol", "MySUVersionComparison",
+    "SUAppcast", "SUAppcastItem", "SUUpdater"};
+
+std::vector<int> countAll() {
+  std::vector<int> numbers;
+  for (const char* name : counted) numbers.push_back(live(name));
+  return numbers;
+}
+
+void runOnce(const uint8_t* data, size_t size, void (*body)(Input&)) {
+  recall();
+  {
+    host::Pool pool;
+    Input input(data, size);
+    body(input);
+  }
+  if (auto raised = host::takeException())
+    fail("an exception is pending in the host: " + raised->className + ": " +
+         raised->message.value_or("(no message)"));
+  if (host::ledger() != host::Ledger{}) {
+    fprintf(stderr, "alive in the host after this input:\n%s\n", host::leakReport().c_str());
+    fail("host objects were lost; FUZZ_STACKS=1 shows where they were made");
+  }
+  if (companion) {
+    require(companion->count(COMPANION_REGISTERED) == 0, "an entry stays in the registry");
+    require(companion->count(COMPANION_LIVE_WRAPPERS) == 0, "a wrapper instance was lost");
+    require(companion->count(COMPANION_LIVE_BOXES) == 0, "a box was lost");
+  }
+}
+
+// A class of which every one of four more runs leaves something behind.
+void checkCocoa(const uint8_t* data, size_t size, void (*body)(Input&),
+                const std::vector<int>& before) {
+  std::vector<int> last = countAll();
+  std::vector<bool> grows;
+  for (size_t i = 0; i < last.size(); ++i) grows.push_back(last[i] > before[i]);
+  for (int turn = 0; turn < 4; ++turn) {
+    if (std::find(grows.begin(), grows.end(), true) == grows.end()) return;
+    runOnce(data, size, body);
+    std::vector<int> now = countAll();
+    for (size_t i = 0; i < now.size(); ++i) grows[i] = grows[i] && now[i] > last[i];
+    last = now;
+  }
+  for (size_t i = 0; i < grows.size(); ++i)
+    if (grows[i]) fail(std::string("each time an object of this Cocoa class is lost: ") + counted[i]);
+}
+
+void dropLog(NSString*) {}
+
+} // namespace
+
+const char* hostName() {
+  const char* name = getenv("SPARKLEKVZ_HOST");
+  return name ? name : "2013.03";
+}
+
+void* open(const char* name) {
+  // Nothing goes to the user's own defaults.
+  setenv("HOME", "/nonexistent", 1);
+  _NSLog_printf_handler = dropLog;
+  GSDebugAllocationActive(YES);
+  host::start(name);
+  host::setWatching(false);
+  host::setStacks(getenv("FUZZ_STACKS") != nullptr);
+  void* library = dlopen(pluginPath.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (!library) fail(std::string("the plug-in cannot be loaded: ") + dlerror());
+  counters = reinterpret_cast<decltype(counters)>(dlsym(library, "fuzz_counters"));
+  return dlsym(library, "REALPluginMain");
+}
+
+void start(Options options) {
+  void* entry = open(hostName());
+  if (options.companion) {
+    companion = companion_open(COMPANION_PATH);
+    host::loadPlugin(COMPANION_PATH);
+  }
+  host::startPlugin(entry, "SparkleKVZ");
+}
+
+void remember() {
+  if (parts.empty()) dl_iterate_phdr(findParts, nullptr);
+  require(!parts.empty(), "the plug-in's writable memory was not found");
+  for (Part& part : parts)
+    copyWords(part.kept.data(), reinterpret_cast<uint32_t*>(part.start), part.kept.size());
+}
+
+void recall() {
+  for (Part& part : parts)
+    copyWords(reinterpret_cast<uint32_t*>(part.start), part.kept.data(), part.kept.size());
+}
+
+void fail(const std::string& what) {
+  fprintf(stderr, "fuzz: %s\n", what.c_str());
+  abort();
+}
+
+int execute(const uint8_t* data, size_t size, void (*body)(Input&)) {
+  host::Pool pool;
+  std::vector<int> before = countAll();
+  runOnce(data, size, body);
+  checkCocoa(data, size, body, before);
+  return 0;
+}
+
+host::Object instanceOf(std::string_view className, id object) {
+  host::Object instance = host::create(className);
+  host::set(instance, "Handle",
+            static_cast<uint32_t>(reinterpret_cast<uintptr_t>([object retain])));
+  return instance;
+}
+
+namespace {
+
+std::map<std::string, Class> framework;
+id classNamed(id, SEL, NSString* name) { return framework[[name UTF8String]]; }
+
+bool loadFolder(const char* name) {
+  std::string path = std::string(FRAMEWORKS "/") + name + ".framework";
+  return host::callShared("SUUpdaterKVZ", "LoadFramework(path as folderitem) as boolean",
+                          host::folderItem(path))
+      .as<bool>();
+}
+
+} // namespace
+
+bool loadFramework(Class updater, Class appcast, Class item) {
+  framework = {{"SUUpdater", updater}, {"SUAppcast", appcast}, {"SUAppcastItem", item}};
+  Method method = class_getInstanceMethod([NSBundle class], @selector(classNamed:));
+  IMP original = method_setImplementation(method, reinterpret_cast<IMP>(classNamed));
+  bool loaded = loadFolder("WithoutClasses");
+  method_setImplementation(method, original);
+  return loaded;
+}
+
+bool loadFramework() { return loadFolder("Sparkle"); }
+
+} // namespace fuzz
+
+static int anyStrings;
+
+@implementation AnyString
++ (instancetype)stringWithUnits:(std::u16string)given {
+  AnyString* string = [[self alloc] init];
+  string->units = new std::u16string(std::move(given));
+  ++anyStrings;
+  return [string autorelease];
+}
++ (int)alive {
+  return anyStrings;
+}
+- (void)dealloc {
+  delete units;
+  --anyStrings;
+  [super dealloc];
+}
+- (NSUInteger)length {
+  return units->size();
+}
+- (unichar)characterAtIndex:(NSUInteger)index {
+  return units->at(index);
+}
+- (void)getCharacters:(unichar*)buffer range:(NSRange)range {
+  memcpy(buffer, units->data() + range.location, range.length * sizeof *buffer);
+}
+- (id)copyWithZone:(NSZone*)zone {
+  (void)zone;
+  return [self retain];
+}
+@end

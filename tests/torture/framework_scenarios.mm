@@ -1,0 +1,139 @@
+// Registration, loading the framework, and one check with the testbed's own framework.
+
+#include "played.h"
+#include "scenarios.h"
+#include "stage.h"
+
+#include "testbed/server/release.h"
+#include "testbed/sparkle/SUStep.h"
+
+#include <atomic>
+
+namespace torture {
+
+namespace {
+
+constexpr const char* loadFramework = "LoadFramework(path as folderitem) as boolean";
+constexpr const char* isLoaded = "IsFrameworkLoaded as boolean";
+
+std::string folderOf(const char* name) {
+  return std::string(SPARKLE_FRAMEWORKS "/") + name + ".framework";
+}
+
+// From the entry to the end of one instance of each class.
+void registration() {
+  callback("REALPluginMain", [] { loadPlugin(); });
+  for (const char* name :
+       {"SUVersionComparisonKVZ", "SUAppcastItemKVZ", "SUUpdaterKVZ", "SUAppcastKVZ"}) {
+    if (!host::registered(name)) {
+      if (!faulty()) fail(std::string(name) + " is not registered");
+      continue;
+    }
+    host::Object instance = make(name);
+    if (instance) expect(name, host::getValue(instance, "Handle"), "0");
+    destroy(instance);
+  }
+}
+
+host::Value load(const host::Object& folder, Raises raises = {}) {
+  return shared("SUUpdaterKVZ", loadFramework, {folder}, raises);
+}
+
+void loading() {
+  expect("not yet", shared("SUUpdaterKVZ", isLoaded), "false");
+  expect("nil", load(nullptr), "false");
+  expect("no such folder", load(host::folderItem(SPARKLE_FRAMEWORKS "/no/where")), "false");
+  expect("no bundle", load(host::folderItem("/tmp/no such folder")), "false");
+  expect("broken", load(host::folderItem(folderOf("Broken"))), "false");
+  expect("without classes", load(host::folderItem(folderOf("WithoutClasses"))), "false");
+  expect("whole", load(host::folderItem(folderOf("Sparkle"))), "true");
+  expect("now", shared("SUUpdaterKVZ", isLoaded), "true");
+  expect("again", load(nullptr), "true");
+}
+
+void loadingRaises() {
+  expect("raising", load(host::folderItem(folderOf("Raising")), {"NSExceptionKVZ", nullptr}),
+         "false");
+}
+
+// Once it has the updater's class, the framework counts as loaded.
+void loadingInPart() {
+  host::Object folder = host::folderItem(folderOf("WithoutItem"));
+  expect("first", load(folder), "false");
+  expect("now", shared("SUUpdaterKVZ", isLoaded), "true");
+  expect("again", load(folder), "true");
+}
+
+} // namespace
+
+} // namespace torture
+
+// Waits for the end of a check.
+@interface EndObserver : NSObject {
+@public
+  std::atomic<bool> ended;
+}
+@end
+@implementation EndObserver
+- (void)step:(NSNotification*)notification {
+  NSString* step = [[notification userInfo] objectForKey:@"step"];
+  if ([step isEqual:SUStepFinished] || [step isEqual:SUStepFailed]) ended = true;
+}
+@end
+
+namespace torture {
+
+namespace {
+
+// A check for information, with a feed in a file: a thread of the framework's calls the delegate.
+void check() {
+  testbed::Folder folder;
+  testbed::Application application;
+  std::string bundle = testbed::write_application(application, folder.path());
+  testbed::Item item;
+  item.title = "Version 2.0";
+  item.version = "2.0";
+  item.url = "http://127.0.0.1:9/Demo_2.0.zip";
+  testbed::write_file(folder / "appcast.xml", testbed::appcast_xml({item}));
+
+  std::string found = "nil";
+  host::subclass("OwnSUUpdaterKVZ", "SUUpdaterKVZ",
+                 {{"didFinishLoadingAppcast(update as SUAppcastKVZ)", [](host::Event&) {}},
+                  {"didFindValidUpdate(update as SUAppcastItemKVZ)",
+                   [&](host::Event& event) { found = host::className(event[0]); }},
+                  {"updaterDidNotFindUpdate", [](host::Event&) {}}});
+  if (!load(host::folderItem(folderOf("Sparkle"))).as<bool>()) {
+    if (!faulty()) fail("the framework is not loaded");
+    return;
+  }
+  EndObserver* observer = [[EndObserver new] autorelease];
+  NSNotificationCenter* center = [NSNotificationCenter defaultCenter];
+  [center addObserver:observer selector:@selector(step:) name:SUUpdaterStepNotification object:nil];
+  host::Object updater = make("OwnSUUpdaterKVZ");
+  member(updater, "Constructor(Bundle as folderitem)", {host::folderItem(bundle)});
+  assign(updater, "feedURL as string", "file://" + (folder / "appcast.xml").string());
+  bool started = false;
+  mixedStep("check", [&] {
+    if (updater) host::call(updater, "checkForUpdateInformation");
+    started = updater && host::get<bool>(updater, "updateInProgress as boolean");
+    constexpr double patience = 20;
+    if (started && !host::runUntil([&] { return observer->ended.load(); }, patience))
+      fail("the check did not end");
+  });
+  if (!started && !faulty()) fail("the check did not start");
+  expect("found", found, "SUAppcastItemKVZ");
+  [center removeObserver:observer];
+  destroy(updater);
+}
+
+} // namespace
+
+const std::vector<Scenario> frameworkScenarios = {
+    {"registration", &unregistered, registration},
+    {"loading", &unloaded, loading, keepsCocoa},
+    {"loading-raising", &unloaded, loadingRaises, keepsCocoa},
+    {"loading-in-part", &unloaded, loadingInPart, keepsCocoa},
+    {"check", &unloaded, check, keepsCocoa},
+};
+
+} // namespace torture
