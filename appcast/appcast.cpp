@@ -64,10 +64,12 @@ REALarrayStruct* items(REALobjectStruct* instance) {
       item = nullptr;
     }
   });
-  if (thrown) {
-    unlock(item);
-    if (!isNSException(thrown)) unlock(result);
-    raiseInHost(thrown);
+  if (!thrown) return result;
+  unlock(item);
+  // What cannot be raised in the host leaves this function in place of the array.
+  if (id escaping = attempt([&] { raiseInHost(thrown); })) {
+    unlock(result);
+    objc_exception_throw(escaping);
   }
   return result;
 }

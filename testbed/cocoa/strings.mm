@@ -8,6 +8,7 @@
 #include "testbed/cocoa/text.h"
 
 #include <climits>
+#include <cstring>
 #include <map>
 #include <mutex>
 #include <string>
@@ -171,7 +172,12 @@ NSString* CFStringCreateWithCharacters(const void*, const char16_t* units, long 
   if (count) needs(units, "CFStringCreateWithCharacters");
   if (count < 0) marks::die("CFStringCreateWithCharacters: %ld units", count);
   if (observe::fails("CFStringCreateWithCharacters")) return nil;
-  return marks::leave([&] { return make({units, static_cast<size_t>(count)}); });
+  return marks::leave([&] {
+    // Units may stand at any address, as they do in the strings of old hosts.
+    std::u16string aligned(static_cast<size_t>(count), u'\0');
+    if (count) memcpy(aligned.data(), units, aligned.size() * sizeof(char16_t));
+    return make(aligned);
+  });
 }
 
 NSString* CFStringCreateWithCString(const void*, const char* bytes, uint32_t encoding) {
