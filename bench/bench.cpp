@@ -1,32 +1,157 @@
+// bench                    prints the table
+// bench --write FILE       and writes it there
+// bench --only TEXT        the rows with TEXT in their name; "quick" for a sample of each kind
+// bench --check WHAT       steps, allocations, look-ups or instructions: fails where they are not
+//                          as they should be, and prints the rows. Times are never checked.
+// bench --count TEXT       what runs under callgrind
+// bench --look-ups         prints four numbers; for a process of its own
 #include "bench/measure.h"
 #include "bench/report.h"
+
 #include <cstdio>
 #include <cstdlib>
-#include <string>
-int main(int argc, char** argv) {
-  using namespace bench;
-  std::string mode = argc > 1 ? argv[1] : "", text = argc > 2 ? argv[2] : "";
-  startHost();
-  if (mode == "--count") { countInstructions(text); fflush(nullptr); _Exit(0); }
-  int bad = 0;
-  if (mode == "--steps") {
-    for (auto* op : chosen(text)) {
-      if (op->values > 100) continue;
-      Prepared p = op->prepare();
-      stepsOf(p, p.plugin); stepsOf(p, p.floor);
-      auto a = stepsOf(p, p.plugin), b = stepsOf(p, p.floor);
-      printf("%s %s: %zu %zu\n", a == b ? "same" : "DIFFERENT", fullName(*op).c_str(), a.size(), b.size());
-      if (a != b) { ++bad; size_t i = 0; while (i < a.size() && i < b.size() && a[i] == b[i]) ++i;
-        for (size_t j = i; j < i + 12; ++j) printf("   P %-60s | F %s\n", j < a.size() ? a[j].c_str() : "", j < b.size() ? b[j].c_str() : ""); }
-    }
-    printf("%d\n", bad);
-    fflush(nullptr); _Exit(0);
-  }
+#include <cstring>
+#include <fstream>
+
+using namespace bench;
+
+namespace {
+
+// At once: the host's objects need no clearing up, and their classes may be gone.
+[[noreturn]] void leave(int status) {
+  fflush(nullptr);
+  _Exit(status);
+}
+
+std::vector<Row> rowsOf(const std::string& text) {
   std::vector<Row> rows;
-  for (auto* op : chosen(text)) rows.push_back({op, {}, {}, 0});
-  if (mode != "--instr") measureTimes(rows);
-  if (mode != "--time") measureInstructions(rows, argv[0], text);
-  for (auto& r : rows) printf("%-70s %.2f | %10.0f %10.0f %.3f | %12.1f %12.1f %.3f | %d %s\n", fullName(*r.operation).c_str(), r.operation->target, r.time.plugin, r.time.floor, r.time.ratio, r.instructions.plugin, r.instructions.floor, r.instructions.ratio, r.allocations,
-     r.time.ratio > r.operation->target || r.instructions.ratio > r.operation->target ? "MISS" : "");
-  fflush(nullptr); _Exit(0);
+  for (const Operation* operation : chosen(text)) rows.push_back({operation, {}, {}, 0});
+  return rows;
+}
+
+// Family and no family do not go into one process.
+void readLookUps(const std::string& program, Findings& findings) {
+  FILE* pipe = popen(("'" + program + "' --look-ups").c_str(), "r");
+  LookUps &host = findings.toHost, &cocoa = findings.toCocoa;
+  int read = pipe ? fscanf(pipe, "%u %u %u %u", &host.classes, &host.methods, &cocoa.classes,
+                           &cocoa.methods)
+                  : 0;
+  if (pipe) pclose(pipe);
+  if (read == 4) return;
+  fprintf(stderr, "bench: %s --look-ups printed no numbers\n", program.c_str());
+  exit(1);
+}
+
+unsigned checkSteps(const std::string& text) {
+  unsigned failed = 0;
+  for (const Operation* operation : chosen(text)) {
+    constexpr unsigned few = 100; // the longer ones do the same again and again
+    if (operation->values > few) continue;
+    Prepared prepared = operation->prepare();
+    for (const Call* call : {&prepared.plugin, &prepared.floor}) stepsOf(prepared, *call);
+    std::vector<std::string> plugin = stepsOf(prepared, prepared.plugin);
+    std::vector<std::string> floor = stepsOf(prepared, prepared.floor);
+    if (plugin == floor) continue;
+    ++failed;
+    size_t place = 0;
+    while (place < plugin.size() && place < floor.size() && plugin[place] == floor[place]) ++place;
+    auto at = [&](const std::vector<std::string>& steps) {
+      return place < steps.size() ? steps[place].c_str() : "nothing";
+    };
+    printf("%s: step %zu of the plug-in is %s, of the floor %s\n", fullName(*operation).c_str(),
+           place + 1, at(plugin), at(floor));
+  }
+  return failed;
+}
+
+unsigned checkAllocations() {
+  unsigned failed = 0;
+  for (const Operation* operation : chosen("Strings")) {
+    unsigned found = allocations(operation->prepare());
+    constexpr unsigned onStack = 100; // fewer units than these need no memory
+    bool wrong = operation->values < onStack && found > 0;
+    failed += wrong;
+    printf("%s: %u%s\n", fullName(*operation).c_str(), found, wrong ? ", should be none" : "");
+  }
+  return failed;
+}
+
+unsigned checkLookUps() {
+  LookUps host = lookUpsToHost(), cocoa = lookUpsToCocoa();
+  printf("%u %u %u %u\n", host.classes, host.methods, cocoa.classes, cocoa.methods);
+  return host.classes + cocoa.classes;
+}
+
+unsigned checkInstructions(const std::string& program, const std::string& text) {
+  std::vector<Row> rows = rowsOf(text);
+  measureInstructions(rows, program, text);
+  unsigned failed = 0;
+  for (const Row& row : rows) {
+    const Cost& cost = row.instructions;
+    bool above = cost.ratio > row.operation->target;
+    failed += above;
+    printf("%-60s %12.1f %12.1f %6.3f  at most %.2f%s\n", fullName(*row.operation).c_str(),
+           cost.plugin, cost.floor, cost.ratio, row.operation->target, above ? "  ABOVE" : "");
+  }
+  for (const Growth& growth : growths(rows)) {
+    bool above = growth.instructions() > growthLimit;
+    failed += above;
+    printf("%-60s grows by %.1f, at most %.0f%s\n", fullName(*growth.large->operation).c_str(),
+           growth.instructions(), growthLimit, above ? "  ABOVE" : "");
+  }
+  return failed;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+  std::string program = argv[0], only, file, check;
+  bool count = false, lookUps = false;
+  for (int i = 1; i < argc; ++i) {
+    std::string option = argv[i];
+    auto value = [&] { return i + 1 < argc ? argv[++i] : ""; };
+    if (option == "--only")
+      only = value();
+    else if (option == "--write")
+      file = value();
+    else if (option == "--check")
+      check = value();
+    else if (option == "--count")
+      count = true, only = value();
+    else if (option == "--look-ups")
+      lookUps = true;
+    else {
+      fprintf(stderr, "bench: there is no option %s; the source's first lines name them all\n",
+              argv[i]);
+      return 2;
+    }
+  }
+  if (lookUps || check == "look-ups") {
+    startHost(Family::absent);
+    leave(checkLookUps() && !lookUps ? 1 : 0);
+  }
+  startHost();
+  if (count) {
+    countInstructions(only);
+    leave(0);
+  }
+  if (!check.empty()) {
+    unsigned failed = check == "steps"          ? checkSteps(only)
+                      : check == "allocations"  ? checkAllocations()
+                      : check == "instructions" ? checkInstructions(program, only)
+                                                : 1;
+    if (failed) printf("bench: %u found in --check %s\n", failed, check.c_str());
+    leave(failed ? 1 : 0);
+  }
+  Findings findings{rowsOf(only)};
+  measureInstructions(findings.rows, program, only);
+  readLookUps(program, findings);
+  measureTimes(findings.rows);
+  std::string text = report(findings);
+  fputs(text.c_str(), stdout);
+  if (!file.empty() && !(std::ofstream(file) << text)) {
+    fprintf(stderr, "bench: cannot write %s\n", file.c_str());
+    leave(1);
+  }
+  leave(0);
 }

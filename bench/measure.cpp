@@ -100,9 +100,13 @@ std::string fullName(const Operation& operation) {
 }
 
 std::vector<const Operation*> chosen(const std::string& text) {
+  constexpr unsigned few = 100;
   std::vector<const Operation*> result;
-  for (const Operation& operation : operations())
-    if (fullName(operation).find(text) != std::string::npos) result.push_back(&operation);
+  for (const Operation& operation : operations()) {
+    bool fits = text == "quick" ? operation.values <= few
+                                : fullName(operation).find(text) != std::string::npos;
+    if (fits) result.push_back(&operation);
+  }
   return result;
 }
 
@@ -123,7 +127,7 @@ void countInstructions(const std::string& text) {
     Prepared prepared = operation->prepare();
     // The largest are known by their smaller kin.
     constexpr unsigned large = 10000;
-    for (int i = 0; i < (operation->values < large ? 2 : 0); ++i)
+    for (int i = 0; i < (operation->values <= large ? 2 : 0); ++i)
       for (const Call* call : {&prepared.plugin, &prepared.floor})
         batch(*operation, prepared, *call);
     for (const Call* call : {&prepared.plugin, &prepared.floor})

@@ -23,7 +23,8 @@ struct Row {
   int allocations = 0; // of the plug-in in one call
 };
 
-// The operations whose section and name, "Strings: getter, 10 units", have TEXT in them.
+// The operations whose section and name, "Strings: getter, 10 units", have TEXT in them; for
+// "quick" all that convert few values.
 std::vector<const Operation*> chosen(const std::string& text);
 std::string fullName(const Operation& operation);
 

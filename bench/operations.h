@@ -23,8 +23,8 @@ enum class Gives { nothing, string, object };
 
 struct Prepared {
   Call plugin, floor;
-  Gives gives = Gives::nothing;  // the caller's to unlock
-  std::function<void()> before;  // each batch, unmeasured
+  Gives gives = Gives::nothing;   // the caller's to unlock
+  std::function<void()> before;   // each batch, unmeasured
   std::vector<host::Object> kept; // alive while it is measured
   host::String text;              // likewise
 };
@@ -35,7 +35,7 @@ struct Operation {
   double target;  // the most that the plug-in's cost may be, in floors
   unsigned calls; // in one batch
   std::function<Prepared()> prepare;
-  unsigned values = 1;     // that one call converts
+  unsigned values = 1;     // that one call converts; for text, its UTF-16 units
   std::string growsFrom{}; // the row that converts a hundredth of them
   std::string reason{};    // why the target cannot be reached, where it cannot
 };

@@ -99,7 +99,8 @@ void* pointerTo(uint32_t word) { return reinterpret_cast<void*>(static_cast<uint
   abort();
 }
 
-// ---- The floors ----------------------------------------------------------------------------------
+// ---- The floors
+// ----------------------------------------------------------------------------------
 
 FloorFacts facts;
 std::vector<void*> classReferences;
@@ -153,7 +154,8 @@ void expect(unsigned classTests) {
   call(reinterpret_cast<void*>(floorExpect), {wordOf(wrapperNamePointers.data()), classTests});
 }
 
-// ---- Calls ---------------------------------------------------------------------------------------
+// ---- Calls
+// ---------------------------------------------------------------------------------------
 
 Call member(const host::Object& instance, std::string_view className, std::string_view declaration,
             bool setter = false, std::vector<uint32_t> arguments = {}) {
@@ -174,21 +176,18 @@ Prepared pair(Call plugin, const std::string& floor, Gives gives) {
 }
 
 Call callback(id self, void* function, SEL selector, id first, uint32_t second) {
-  return {Call::By::framework, function,
-          {wordOf(self), wordOf(selector), wordOf(first), second}};
+  return {Call::By::framework, function, {wordOf(self), wordOf(selector), wordOf(first), second}};
 }
 
-id delegateOf(const host::Object& updater) {
-  return static_cast<id*>(host::data(updater))[1];
-}
+id delegateOf(const host::Object& updater) { return static_cast<id*>(host::data(updater))[1]; }
 
 Prepared callbackPair(SEL selector, const std::string& floor, id first, uint32_t second) {
   id delegate = delegateOf(program);
   static id beside = static_cast<id>(pointerTo(call(reinterpret_cast<void*>(floorDelegate))));
   Prepared prepared;
-  prepared.plugin = callback(
-      delegate, reinterpret_cast<void*>([delegate methodForSelector:selector]), selector, first,
-      second);
+  prepared.plugin =
+      callback(delegate, reinterpret_cast<void*>([delegate methodForSelector:selector]), selector,
+               first, second);
   prepared.floor = callback(beside, crossing_thunk(floorOf(floor)), selector, first, second);
   return prepared;
 }
@@ -200,7 +199,8 @@ template <class Played> host::Object playing(const char* className, Played* play
   return instance;
 }
 
-// ---- Text ----------------------------------------------------------------------------------------
+// ---- Text
+// ----------------------------------------------------------------------------------------
 
 std::u16string units(unsigned count) {
   std::u16string text;
@@ -238,9 +238,9 @@ Prepared title(unsigned count) {
 Prepared userAgent(unsigned count) {
   host::Object instance = playing("SUAppcastKVZ", [BenchAppcast new]);
   host::String text = hostText(count);
-  Prepared prepared = pair(member(instance, "SUAppcastKVZ", "UserAgentString as string", true,
-                                  {wordOf(text.handle())}),
-                           "set user agent", Gives::nothing);
+  Prepared prepared = pair(
+      member(instance, "SUAppcastKVZ", "UserAgentString as string", true, {wordOf(text.handle())}),
+      "set user agent", Gives::nothing);
   prepared.kept = {instance};
   prepared.text = text;
   return prepared;
@@ -250,21 +250,21 @@ Prepared feedURL(bool setter) {
   constexpr unsigned length = 99;
   BenchUpdater* updater = [BenchUpdater new];
   host::String text = urlText(length);
-  updater->feed = [[NSURL alloc]
-      initWithString:[NSString stringWithUTF8String:host::bytes(text).c_str()]];
+  updater->feed =
+      [[NSURL alloc] initWithString:[NSString stringWithUTF8String:host::bytes(text).c_str()]];
   host::Object instance = playing("SUUpdaterKVZ", updater);
-  Prepared prepared =
-      setter ? pair(member(instance, "SUUpdaterKVZ", "feedURL as string", true,
-                           {wordOf(text.handle())}),
-                    "set feed URL", Gives::nothing)
-             : pair(member(instance, "SUUpdaterKVZ", "feedURL as string"), "feed URL",
-                    Gives::string);
+  Prepared prepared = setter ? pair(member(instance, "SUUpdaterKVZ", "feedURL as string", true,
+                                           {wordOf(text.handle())}),
+                                    "set feed URL", Gives::nothing)
+                             : pair(member(instance, "SUUpdaterKVZ", "feedURL as string"),
+                                    "feed URL", Gives::string);
   prepared.kept = {instance};
   prepared.text = text;
   return prepared;
 }
 
-// ---- Booleans, items, callbacks, start-up --------------------------------------------------------
+// ---- Booleans, items, callbacks, start-up
+// --------------------------------------------------------
 
 Prepared flag(bool setter) {
   host::Object instance = playing("SUUpdaterKVZ", [BenchUpdater new]);
@@ -323,7 +323,8 @@ Prepared startUp() {
   return prepared;
 }
 
-// ---- Dictionaries and values: to the host --------------------------------------------------------
+// ---- Dictionaries and values: to the host
+// --------------------------------------------------------
 
 host::Object itemWith(NSDictionary* properties) {
   BenchItem* item = [BenchItem new];
@@ -485,7 +486,12 @@ id cfObject(const char* function) {
     "NSNumber of type " code, "number " code, [](unsigned i) -> id { return number(i, code); }     \
   }
 #define VALUE(name, floor, expression)                                                             \
-  { name, floor, [](unsigned i) -> id { (void)i; return expression; } }
+  {                                                                                                \
+    name, floor, [](unsigned i) -> id {                                                            \
+      (void)i;                                                                                     \
+      return expression;                                                                           \
+    }                                                                                              \
+  }
 
 const CocoaRow cocoaRows[] = {
     VALUE("NSNull", "null", [NSNull null]),
@@ -512,8 +518,8 @@ const CocoaRow cocoaRows[] = {
           [NSDictionary dictionaryWithObject:@"value"
                                       forKey:([NSString stringWithFormat:@"key %u", i])]),
     VALUE("NSAttributedString", "attributed string",
-          ([[[NSAttributedString alloc]
-              initWithString:[NSString stringWithFormat:@"%u", i]] autorelease])),
+          ([[[NSAttributedString alloc] initWithString:[NSString stringWithFormat:@"%u", i]]
+              autorelease])),
     VALUE("NSCalendar", "NSCalendar",
           [[[NSCalendar alloc] initWithCalendarIdentifier:NSGregorianCalendar] autorelease]),
     VALUE("NSError", "NSError",
@@ -522,14 +528,14 @@ const CocoaRow cocoaRows[] = {
     VALUE("NSFont", "NSFont", newOf("NSFont")),
     VALUE("NSFileHandle", "NSFileHandle",
           ([[[NSFileHandle alloc] initWithFileDescriptor:0 closeOnDealloc:NO] autorelease])),
-    VALUE("NSCharacterSet", "NSCharacterSet",
-          [NSCharacterSet
-              characterSetWithCharactersInString:([NSString stringWithFormat:@"%u", i])]),
-    VALUE("NSLocale", "NSLocale",
-          ([[[NSLocale alloc]
-              initWithLocaleIdentifier:[NSString stringWithFormat:@"%c%c", 'a' + int(i / 26),
-                                                                  'a' + int(i % 26)]]
-              autorelease])),
+    VALUE(
+        "NSCharacterSet", "NSCharacterSet",
+        [NSCharacterSet characterSetWithCharactersInString:([NSString stringWithFormat:@"%u", i])]),
+    VALUE(
+        "NSLocale", "NSLocale",
+        ([[[NSLocale alloc]
+            initWithLocaleIdentifier:[NSString stringWithFormat:@"%c%c", 'a' + int(i / 26),
+                                                                'a' + int(i % 26)]] autorelease])),
     VALUE("NSTimer", "NSTimer",
           ([NSTimer timerWithTimeInterval:1e6
                                    target:[NSNull null]
@@ -539,7 +545,8 @@ const CocoaRow cocoaRows[] = {
     VALUE("NSTimeZone", "NSTimeZone",
           [NSTimeZone timeZoneForSecondsFromGMT:static_cast<int>(i + 1) * 60]),
     VALUE("NSParagraphStyle", "NSParagraphStyle", newOf("NSParagraphStyle")),
-    VALUE("NSURL of a file", "file URL", ([[[NSURL alloc] initFileURLWithPath:@"/usr"] autorelease])),
+    VALUE("NSURL of a file", "file URL",
+          ([[[NSURL alloc] initFileURLWithPath:@"/usr"] autorelease])),
     VALUE("NSURL of the network", "other URL",
           ([NSURL URLWithString:[NSString stringWithFormat:@"http://example.org/%u", i]])),
     VALUE("boxed host object", "box",
@@ -561,7 +568,8 @@ const CocoaRow cocoaRows[] = {
     VALUE("other object with a wrapper class", "other object", [[BenchThing new] autorelease]),
 };
 
-// ---- To Cocoa ------------------------------------------------------------------------------------
+// ---- To Cocoa
+// ------------------------------------------------------------------------------------
 
 Prepared feedPair(const std::string& floor) {
   return callbackPair(@selector(feedParametersForUpdater:sendingSystemProfile:), floor, nil, 1);
@@ -625,7 +633,12 @@ Prepared valuesToCocoa(const HostRow& row) {
 }
 
 #define ELEMENT(name, floor, code, expression)                                                     \
-  { name, floor, code, [](unsigned i) -> host::Value { (void)i; return expression; } }
+  {                                                                                                \
+    name, floor, code, [](unsigned i) -> host::Value {                                             \
+      (void)i;                                                                                     \
+      return expression;                                                                           \
+    }                                                                                              \
+  }
 #define OF_CODE(name, floor, code, value)                                                          \
   ELEMENT(name, floor, 9, host::variantOfCode(code, host::Value(value)))
 
@@ -650,11 +663,12 @@ const HostRow hostRows[] = {
     ELEMENT("MemoryBlock", "memory block", 9, host::memoryBlock("bytes")),
     ELEMENT("FolderItem", "folder item", 9, host::folderItem("/usr")),
     ELEMENT("Dictionary of one String", "dictionary", 9, host::dictionary({{"key", "value"}})),
-    ELEMENT("wrapper of a Cocoa object", "wrapper", 9, [] {
-      host::Object wrapper = host::create("NSErrorKVZ");
-      static_cast<id*>(host::data(wrapper))[0] = [NSObject new];
-      return wrapper;
-    }()),
+    ELEMENT("wrapper of a Cocoa object", "wrapper", 9,
+            [] {
+              host::Object wrapper = host::create("NSErrorKVZ");
+              static_cast<id*>(host::data(wrapper))[0] = [NSObject new];
+              return wrapper;
+            }()),
     ELEMENT("wrapper of a size", "size", 9, host::create("NSSizeKVZ")),
     ELEMENT("wrapper of a rectangle", "rect", 9, host::create("NSRectKVZ")),
     ELEMENT("wrapper of a range", "range", 9, host::create("NSRangeKVZ")),
@@ -666,15 +680,17 @@ const HostRow hostRows[] = {
             host::create("CMTimeMappingKVZ")),
     ELEMENT("wrapper of a media time range", "CMTimeRange", 9, host::create("CMTimeRangeKVZ")),
     ELEMENT("wrapper of a media time", "CMTime", 9, host::create("CMTimeKVZ")),
-    ELEMENT("wrapper of a CF object", "wrapper", 9, [] {
-      host::Object wrapper = host::create("CFObjectKVZ");
-      static_cast<id*>(host::data(wrapper))[0] = [NSObject new];
-      return wrapper;
-    }()),
+    ELEMENT("wrapper of a CF object", "wrapper", 9,
+            [] {
+              host::Object wrapper = host::create("CFObjectKVZ");
+              static_cast<id*>(host::data(wrapper))[0] = [NSObject new];
+              return wrapper;
+            }()),
     ELEMENT("other host object", "other object", 9, host::create("SUAppcastItemKVZ")),
 };
 
-// ---- The table -----------------------------------------------------------------------------------
+// ---- The table
+// -----------------------------------------------------------------------------------
 
 std::vector<Operation> makeOperations() {
   std::vector<Operation> all;
@@ -687,11 +703,14 @@ std::vector<Operation> makeOperations() {
   section = "Strings";
   for (unsigned count : {10u, 99u, 100u, 10000u}) {
     std::string length = std::to_string(count) + " units";
-    all.push_back({section, "getter, " + length, strings, many, [=] { return title(count); }});
-    all.push_back({section, "setter, " + length, strings, many, [=] { return userAgent(count); }});
+    all.push_back(
+        {section, "getter, " + length, strings, many, [=] { return title(count); }, count});
+    all.push_back(
+        {section, "setter, " + length, strings, many, [=] { return userAgent(count); }, count});
   }
-  all.push_back({section, "feedURL getter, 99 units", strings, many, [] { return feedURL(false); }});
-  all.push_back({section, "feedURL setter, 99 units", strings, many, [] { return feedURL(true); }});
+  for (bool setter : {false, true})
+    all.push_back({section, setter ? "feedURL setter, 99 units" : "feedURL getter, 99 units",
+                   strings, many, [=] { return feedURL(setter); }, 99});
 
   section = "Items of an appcast";
   for (Time time : {Time::first, Time::repeated})
@@ -739,7 +758,8 @@ std::vector<Operation> makeOperations() {
 
 } // namespace
 
-// ---- operations.h --------------------------------------------------------------------------------
+// ---- operations.h
+// --------------------------------------------------------------------------------
 
 void startHost(Family family) {
   host::start(profileName);
@@ -773,8 +793,7 @@ void perform(const Call& call, unsigned count, uint64_t* results) {
   }
   using Method = uint32_t (*)(uint32_t, uint32_t, uint32_t, uint32_t);
   auto method = reinterpret_cast<Method>(call.function);
-  for (unsigned i = 0; i < count; ++i)
-    results[i] = method(words[0], words[1], words[2], words[3]);
+  for (unsigned i = 0; i < count; ++i) results[i] = method(words[0], words[1], words[2], words[3]);
 }
 
 void drop(Gives gives, uint64_t result) {

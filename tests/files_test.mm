@@ -13,6 +13,7 @@
 
 #import <Foundation/Foundation.h>
 
+#include <dlfcn.h>
 #include <filesystem>
 #include <fstream>
 #include <malloc.h>
@@ -55,6 +56,21 @@ using testing::IsEmpty;
 @interface NSObject (FeedParameters)
 - (NSArray*)feedParametersForUpdater:(id)updater sendingSystemProfile:(BOOL)sending;
 @end
+
+// Stands before the File Manager: to some of its versions a volume's root has a parent that seems
+// to be a folder.
+static bool rootsHaveParents;
+
+extern "C" __attribute__((visibility("default"))) OSErr
+FSGetCatalogInfo(const FSRef* item, uint32_t which, FSCatalogInfo* info, HFSUniStr255* name,
+                 FSSpec* spec, FSRef* parent) {
+  static auto* original =
+      reinterpret_cast<decltype(&FSGetCatalogInfo)>(dlsym(RTLD_NEXT, "FSGetCatalogInfo"));
+  OSErr error = original(item, which, info, name, spec, parent);
+  if (rootsHaveParents && error == noErr && parent && info && info->nodeID == fsRtDirID)
+    *parent = *item;
+  return error;
+}
 
 namespace {
 
@@ -386,6 +402,13 @@ TEST_F(Files, TheRootOfAVolumeGoesTheOldWay) {
   EXPECT_THAT(operations(), ElementsAre(itemFromParent));
 }
 
+TEST_F(Files, TheRootOfAVolumeGoesTheOldWayWhateverIsSaidToBeItsParent) {
+  rootsHaveParents = true;
+  EXPECT_EQ(pathOfText("file:///"), "/");
+  EXPECT_THAT(operations(), ElementsAre(itemFromSpec));
+  rootsHaveParents = false;
+}
+
 TEST_F(Files, AMissingFilesURLIsAFolderItemForIt) {
   EXPECT_EQ(pathOfText("file://" + root + "/missing%20file.app"), root + "/missing file.app");
   EXPECT_THAT(operations(), ElementsAre(itemFromParent));
@@ -578,7 +601,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::ValuesIn(std::vector<Lack>{
         // Asked for by the attempt for an existing file, and again by that for a missing one.
         {"Reference", "REALFSRefFromFolderItem", true, "missing", nullptr, 2},
-        {"Specification", "REALFSSpecFromFolderItem", true, "none/missing", "nil", 1},
+        {"Spec", "REALFSSpecFromFolderItem", true, "none/missing", "nil", 1},
         {"ItemInItsFolder", "REALFolderItemFromParentFSRef", false, "there", nullptr, 1},
         {"MissingItemInItsFolder", "REALFolderItemFromParentFSRef", false, "missing", nullptr, 1},
         {"ItemBySpecification", "FolderItemFromFSSpec", false, nullptr, nullptr, 1},

@@ -425,6 +425,14 @@ TEST_P(ToCocoaRules, AnyArrayWithAnElementThatGivesNilRaises) {
   EXPECT_TRUE(feeder.raises(host::array(7, {host::date({2021, 3, 7, 9, 5, 30})})));
 }
 
+TEST_P(ToCocoaRules, WhatAnElementRaisesIsWhatEndsTheConversion) {
+  companion()->provide(COMPANION_TIMES, 0);
+  start();
+  Feeder feeder;
+  EXPECT_TRUE(feeder.raises(host::array(9, {1, host::create("CMTimeKVZ")})));
+  EXPECT_THAT(feeder.logged(), testing::HasSubstr("valueWithCMTimeKVZ:"));
+}
+
 TEST_P(ToCocoaRules, AMissingElementGetterGivesZeros) {
   start();
   Feeder feeder;

@@ -17,15 +17,15 @@ extern "C" {
 
 struct FloorFacts {
   void* (*resolver)(const char* name);
-  uint32_t recordOffset;           // from an instance's handle to its record
-  uint32_t notFoundEvent;          // the host's words of three of the updater's events
-  uint32_t foundEvent;             //
-  uint32_t feedEvent;              //
-  void* target;                    // the instance whose events the callbacks raise
-  void* const* classReferences;    // the host's, in the order in which objects are tested
-  unsigned classReferenceCount;    //
-  void* const* classRecords;       // the definitions that were registered, in their order
-  unsigned classRecordCount;       //
+  uint32_t recordOffset;        // from an instance's handle to its record
+  uint32_t notFoundEvent;       // the host's words of three of the updater's events
+  uint32_t foundEvent;          //
+  uint32_t feedEvent;           //
+  void* target;                 // the instance whose events the callbacks raise
+  void* const* classReferences; // the host's, in the order in which objects are tested
+  unsigned classReferenceCount; //
+  void* const* classRecords;    // the definitions that were registered, in their order
+  unsigned classRecordCount;    //
 };
 
 // Before all others; again when a fact has changed. The facts must live on. Inside the border.

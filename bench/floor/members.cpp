@@ -28,8 +28,8 @@ String* title(Object* instance) {
 
 String* feedURL(Object* instance) {
   String* result = nullptr;
-  FRAME(result = newString(send<id>(send<id>(record<id>(instance), sel.feedURL),
-                                    sel.absoluteString)););
+  FRAME(result =
+            newString(send<id>(send<id>(record<id>(instance), sel.feedURL), sel.absoluteString)););
   return result;
 }
 
@@ -39,10 +39,10 @@ void setUserAgent(Object* instance, String* text) {
 }
 
 void setFeedURL(Object* instance, String* text) {
-  FRAME(CFStringRef string = host.stringCFString(text, 0);
-        CFURLRef url = CFURLCreateWithString(nullptr, string, nullptr); CFRelease(string);
-        send<void>(record<id>(instance), sel.setFeedURL,
-                   send<id>(asObject(url), sel.autorelease)););
+  FRAME(
+      CFStringRef string = host.stringCFString(text, 0);
+      CFURLRef url = CFURLCreateWithString(nullptr, string, nullptr); CFRelease(string);
+      send<void>(record<id>(instance), sel.setFeedURL, send<id>(asObject(url), sel.autorelease)););
 }
 
 // --- The items of an appcast. ---
@@ -50,14 +50,13 @@ void setFeedURL(Object* instance, String* text) {
 Object* items(Object* instance) {
   constexpr int objects = 4;
   Object* result = host.createArray(objects, -1);
-  FRAME(
-      id enumerator = send<id>(send<id>(record<id>(instance), sel.items), sel.objectEnumerator);
-      int index = 0; while (id element = send<id>(enumerator, sel.nextObject)) {
-        Object* item = wrapItem(element);
-        using Insert = void (*)(Object*, int, Object*);
-        reinterpret_cast<Insert>(host.insertProc(result))(result, index++, item);
-        host.unlockObject(item);
-      });
+  FRAME(id enumerator = send<id>(send<id>(record<id>(instance), sel.items), sel.objectEnumerator);
+        int index = 0; while (id element = send<id>(enumerator, sel.nextObject)) {
+          Object* item = wrapItem(element);
+          using Insert = void (*)(Object*, int, Object*);
+          reinterpret_cast<Insert>(host.insertProc(result))(result, index++, item);
+          host.unlockObject(item);
+        });
   return result;
 }
 
@@ -86,8 +85,7 @@ String* newString(id text) {
 }
 
 Object* wrapItem(id object) {
-  auto* known =
-      static_cast<Object*>(const_cast<void*>(CFDictionaryGetValue(registry, object)));
+  auto* known = static_cast<Object*>(const_cast<void*>(CFDictionaryGetValue(registry, object)));
   if (known) {
     host.lockObject(known);
     return known;

@@ -161,8 +161,8 @@ template <Convert Value> inline id dictionary(Object* source) {
   host.getInt32(source, "Count", &count);
   id result = send<id>(cls.NSMutableDictionary, sel.dictionaryWithCapacity, count);
   host.loadObjectMethod(source, "Value(key As Variant, Assigns _value As Variant)");
-  auto get = reinterpret_cast<Getter>(
-      host.loadObjectMethod(source, "Value(key As Variant) As Variant"));
+  auto get =
+      reinterpret_cast<Getter>(host.loadObjectMethod(source, "Value(key As Variant) As Variant"));
   auto getKey = reinterpret_cast<KeyGetter>(
       host.loadObjectMethod(source, "Key(index As Integer) As Variant"));
   for (std::int32_t i = 0; i < count; ++i) {

@@ -209,9 +209,8 @@ struct CFFields {
 [[gnu::noinline]] Object* fromCF(id object) {
   ask<21>(object);
   Object* instance = nullptr;
-  FRAME(send<BOOL>(object, sel.respondsTo, sel.cfTypeID);
-        send<std::int32_t>(object, sel.cfTypeID); CFGetTypeID(object); CFRetain(object);
-        instance = newWrapper();
+  FRAME(send<BOOL>(object, sel.respondsTo, sel.cfTypeID); send<std::int32_t>(object, sel.cfTypeID);
+        CFGetTypeID(object); CFRetain(object); instance = newWrapper();
         if (record<CFFields>(instance).tag == 0x52424346) record<CFFields>(instance).object =
             object;);
   return instance;
@@ -220,9 +219,9 @@ struct CFFields {
 [[gnu::noinline]] Object* fromImage(id object) {
   ask<21>(object);
   Object* instance = nullptr;
-  FRAME(send<BOOL>(object, sel.respondsTo, sel.cfTypeID);
-        send<std::int32_t>(object, sel.cfTypeID); CFGetTypeID(object); CGImageRetain(object);
-        instance = newWrapper(); record<CFTypeRef>(instance) = object;);
+  FRAME(send<BOOL>(object, sel.respondsTo, sel.cfTypeID); send<std::int32_t>(object, sel.cfTypeID);
+        CFGetTypeID(object); CGImageRetain(object); instance = newWrapper();
+        record<CFTypeRef>(instance) = object;);
   return instance;
 }
 

@@ -90,7 +90,7 @@ static_assert(offsetof(FSCatalogInfo, nodeID) == 8 && offsetof(FSCatalogInfo, pe
 OSErr FSGetCatalogInfo(const FSRef* item, uint32_t which, FSCatalogInfo* info, HFSUniStr255* name,
                        FSSpec* spec, FSRef* parent);
 
-/* The reference of the item that a specification names; fnfErr when it does not exist. */
+/* The reference of the item that a spec names; fnfErr when it does not exist. */
 OSErr FSpMakeFSRef(const FSSpec* spec, FSRef* item);
 
 #ifdef __cplusplus

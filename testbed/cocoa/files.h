@@ -1,6 +1,6 @@
 // Between paths and the Carbon File Manager's records, for the host side.
 //
-// A reference (FSRef) stands for an existing item, a specification (FSSpec) for a name in an
+// A reference (FSRef) stands for an existing item, a spec (FSSpec) for a name in an
 // existing folder, whether or not the item exists. Both are numbers into tables of this library,
 // which live as long as the process; a reference goes on meaning the same path. Paths are UTF-8
 // and are answered absolute, without a trailing slash and with the links in the parent folders

@@ -26,12 +26,13 @@ add_dependencies(fuzz_support SparkleKVZ_fuzzed testbed_companion sparkle_framew
 function(add_fuzzer name)
   add_executable(fuzz_${name} "${fuzz}/${name}.mm")
   target_compile_options(fuzz_${name} PRIVATE ${fuzz_coverage})
-  target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
-  target_link_libraries(fuzz_${name} PRIVATE fuzz_support)
+  # By its path: the driver would put the C++ library before the sanitizer, which has to be first.
+  target_link_libraries(fuzz_${name} PRIVATE fuzz_support
+    "${resources}/lib/linux/libclang_rt.fuzzer-i386.a")
   # The plug-in finds the fuzzer's functions here.
   set_target_properties(fuzz_${name} PROPERTIES ENABLE_EXPORTS ON)
 endfunction()
 
-foreach(name strings)
+foreach(name strings values)
   add_fuzzer(${name})
 endforeach()

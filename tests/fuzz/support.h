@@ -30,6 +30,7 @@ public:
   Input(const uint8_t* data, size_t size) : at_(data), end_(data + size) {}
   size_t left() const { return static_cast<size_t>(end_ - at_); }
   uint8_t byte() { return at_ == end_ ? 0 : *at_++; }
+  unsigned below(unsigned limit) { return byte() % limit; }
   template <typename T> T number() {
     T value{};
     std::string_view taken = bytes(sizeof value);
@@ -72,6 +73,9 @@ inline void require(bool holds, const std::string& what) {
 // host object alive, nothing in the companion's registry, and Cocoa objects do not grow in number
 // when the same input comes again and again.
 int execute(const uint8_t* data, size_t size, void (*body)(Input&));
+
+// How many lines went to the system log in this execution.
+int logLines();
 
 // An instance of the host class around OBJECT, with a reference of its own on it.
 host::Object instanceOf(std::string_view className, id object);

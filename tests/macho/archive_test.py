@@ -23,6 +23,7 @@ NINJA = os.environ["MACHO_NINJA"]
 
 NAMES = ["SparkleKVZ/Build Resources/Mac Carbon Mach-O/SparkleKVZ.dylib",
          "SparkleKVZ/Build Resources/Mac Cocoa/SparkleKVZ.dylib"]
+CHANGES = "SparkleKVZ/CHANGELOG.md"
 FRAMEWORK = "/System/Library/Frameworks/{0}.framework/Versions/{1}/{0}"
 LIBRARIES = {"libSystem": "/usr/lib/libSystem.B.dylib",
              "libobjc": "/usr/lib/libobjc.A.dylib",
@@ -108,7 +109,8 @@ bundle = Bundle()
 class Archive(unittest.TestCase):
     def test_holds_the_bundle_twice(self):
         with zipfile.ZipFile(ARCHIVE) as archive:
-            self.assertEqual(NAMES, archive.namelist())
+            self.assertEqual([*NAMES, CHANGES], archive.namelist())
+            self.assertEqual((ROOT / "CHANGELOG.md").read_bytes(), archive.read(CHANGES))
             self.assertIsNone(archive.testzip())
             self.assertEqual(archive.read(NAMES[0]), archive.read(NAMES[1]))
             self.assertEqual({(1980, 1, 1, 0, 0, 0)}, {i.date_time for i in archive.infolist()})
@@ -140,7 +142,7 @@ class Archive(unittest.TestCase):
             self.assertEqual(bundle.bytes, again.read_bytes())
             archive = pathlib.Path(folder) / "again.zip"
             run(sys.executable, "-B", str(ROOT / "cmake/macho/archive.py"), str(archive),
-                *(f"{name}={again}" for name in NAMES))
+                *(f"{name}={again}" for name in NAMES), f"{CHANGES}={ROOT / 'CHANGELOG.md'}")
             self.assertEqual(ARCHIVE.read_bytes(), archive.read_bytes())
 
 

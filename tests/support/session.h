@@ -1,6 +1,6 @@
 // What a test of the plug-in stands on: a host of some year, the companion, the plug-in (the ELF
-// library, or what SPARKLEKVZ_PLUGIN names: another ELF library, or the Mach-O bundle) and, where asked for, the update
-// framework. One process serves one test.
+// library, or what SPARKLEKVZ_PLUGIN names: another ELF library, or the Mach-O bundle) and, where
+// asked for, the update framework. One process serves one test.
 //
 //   class Updater : public session::Test {};
 //   TEST_P(Updater, AnswersNothingBeforeItIsBound) {

@@ -5,7 +5,8 @@
 namespace torture {
 
 const Loss losses[] = {
-    {"*", failMessage, "never", "*", isSwallowed, "", "placeholder"},
+    {"updater-half-bound", always, "*", "*", losesInCocoa, "MySUUpdaterDelegateInformalProtocol",
+     "a second constructor call of a half-bound updater overwrites its delegate"},
 };
 
 const size_t lossCount = std::size(losses);

@@ -8,14 +8,14 @@ namespace torture {
 
 // What goes wrong.
 enum Mode : unsigned {
-  nothing = 0,
   failOperation = 1,   // the n-th fallible operation of the host answers zero
   absentOperation = 2, // the named operation is not there
   failMessage = 4,     // the n-th message raises an NSException
   throwObject = 8,     // the n-th message throws an object that is no NSException
   failFunction = 16,   // the n-th call of a function of Cocoa or of the C library fails
+  nothing = 32,
 };
-constexpr unsigned anyFault = 31, anyThrow = failMessage | throwObject,
+constexpr unsigned always = 63, anyFault = 31, anyThrow = failMessage | throwObject,
                    anyHostFault = failOperation | absentOperation;
 
 enum Excuse : unsigned {

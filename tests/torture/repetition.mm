@@ -6,7 +6,6 @@
 #include "testbed/cocoa/faults.h"
 #include "testbed/companion/companion.h"
 
-
 #include <algorithm>
 #include <atomic>
 #include <fnmatch.h>
@@ -62,9 +61,7 @@ bool excused(Excuse excuse, const std::string& className = "") {
   for (size_t i = 0; i < lossCount; ++i) {
     const Loss& row = losses[i];
     if (!(row.excuses & excuse) || !matches(row.scenario, current->scenario->name)) continue;
-    if (current->fault.mode == nothing ? row.modes != nothing
-                                       : row.modes != nothing && !(row.modes & current->fault.mode))
-      continue;
+    if (!(row.modes & current->fault.mode)) continue;
     if (!matches(row.hit, current->fault.hit) || !matches(row.step, current->step)) continue;
     if (!className.empty()) {
       std::istringstream names(row.classes);
@@ -247,7 +244,8 @@ void compare(const char* where, std::map<std::string, int> before, std::map<std:
 
 void balance(const Alive& before, const Alive& after) {
   compare("the host", before.host, after.host, losesInHost);
-  if (!current->scenario->cocoaIsKept) compare("Cocoa", before.cocoa, after.cocoa, losesInCocoa);
+  if (current->scenario->counting == Counting::cocoa)
+    compare("Cocoa", before.cocoa, after.cocoa, losesInCocoa);
   if (after.entered > before.entered && !excused(staysEntered))
     fail(std::to_string(after.entered - before.entered) + " entries too many in the registry");
 }
@@ -322,10 +320,27 @@ void arm(const Fault& fault) {
   }
 }
 
+// Runs BODY on a thread of its own, which GNUstep forgets afterwards, while the main thread turns
+// its run loop. Answers whether the thread ended.
+bool onThread(const std::function<void()>& body) {
+  std::atomic<bool> done{false};
+  std::thread thread([&] {
+    GSRegisterCurrentThread();
+    {
+      host::Pool pool;
+      body();
+    }
+    GSUnregisterCurrentThread();
+    done = true;
+  });
+  constexpr double patience = 10;
+  bool ended = host::runUntil([&] { return done.load(); }, patience);
+  ended ? thread.join() : thread.detach();
+  return ended;
+}
+
 // GNUstep makes some things once and keeps them. Here, so that no run is charged for them.
-void warmUp() {
-  static bool done;
-  if (std::exchange(done, true)) return;
+void warmUp(const Scenario& scenario) {
   NSAutoreleasePool* pool = [NSAutoreleasePool new];
   @try {
     [NSException raise:@"WarmUp" format:@"%@", @"for the runs to come"];
@@ -346,13 +361,20 @@ void warmUp() {
   [[[[NSCalendarDate alloc] initWithTimeIntervalSinceReferenceDate:1e6] autorelease]
       yearOfCommonEra];
   [NSTimeZone defaultTimeZone];
+  [NSString stringWithFormat:@"%g", 1.5]; // the decimal point
   [[NSURL URLWithString:@"a/b?c"
           relativeToURL:[NSURL URLWithString:@"http://example.org/"]] absoluteString];
   [NSURL fileURLWithPath:@"/tmp/none"];
+  [NSData data];
   [NSBundle bundleWithPath:@"/tmp"];
-  [NSRunLoop currentRunLoop];
-  [[NSRunLoop currentRunLoop] runMode:NSDefaultRunLoopMode beforeDate:[NSDate date]];
-  host::takeExceptions();
+  [NSBundle bundleWithPath:@"/"];
+  [pool performSelectorOnMainThread:@selector(class) withObject:nil waitUntilDone:YES];
+  onThread([=] {
+    [date performSelectorOnMainThread:@selector(description) withObject:nil waitUntilDone:YES];
+  });
+  // Pools that are drained stay with their thread, as many as were open at once.
+  for (int depth = 0; depth < 8; ++depth) (void)[NSAutoreleasePool new];
+  if (scenario.warmUp) scenario.warmUp();
   [pool release];
   takeLog();
 }
@@ -410,23 +432,10 @@ void mixedStep(const char* label, const std::function<void()>& body) {
 }
 
 void workerCallback(const char* label, const std::function<void()>& body, unsigned lines) {
-  std::atomic<bool> done{false};
   id thrown = nil;
-  std::thread worker([&] {
-    {
-      host::Pool pool;
-      thrown = [catching(body) retain];
-    }
-    done = true;
-  });
   perform({label, Kind::callback, {}, lines}, [&] {
-    constexpr double patience = 10;
-    if (!host::runUntil([&] { return done.load(); }, patience)) {
+    if (!onThread([&] { thrown = [catching(body) retain]; }))
       fail(std::string(label) + ": the thread still waits for the main one");
-      worker.detach();
-      return;
-    }
-    worker.join();
     if (thrown) @throw [thrown autorelease];
   });
 }
@@ -522,7 +531,7 @@ Verdict run(const Scenario& scenario, const Fault& fault, std::string* notes) {
   Run self{&scenario, fault, {}, false, false, {}};
   current = &self;
   _NSLog_printf_handler = collectLog;
-  warmUp();
+  warmUp(scenario);
   // The memory of a dead object is kept, so that a message to it is told from others.
   NSZombieEnabled = YES;
   GSDebugAllocationActive(YES);

@@ -27,10 +27,9 @@ NSArray* feedParameters(const char* label, id<Delegate> delegate, host::Object& 
   std::vector<host::Object> elements;
   std::vector<int> held;
   if (array)
-    for (const host::Value& element : host::elements(array)) {
+    for (const host::Value& element : host::elements(array))
       elements.push_back(element.as<host::Object>());
-      held.push_back(host::referenceCount(elements.back()));
-    }
+  for (const host::Object& element : elements) held.push_back(host::referenceCount(element));
   answer = array;
   int arrayHeld = host::referenceCount(array);
   NSArray* result = nil;

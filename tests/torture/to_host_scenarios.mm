@@ -203,12 +203,13 @@ Class cocoaClass(const char* name) {
   return made;
 }
 
-void fixedWrappers() {
-  struct Row {
-    const char* wrapper;
-    id object;
-  };
-  const Row rows[] = {
+struct FixedRow {
+  const char* wrapper;
+  id object;
+};
+
+std::vector<FixedRow> fixedRows() {
+  return {
       {"NSCalendarKVZ", [[[NSCalendar currentCalendar] copy] autorelease]},
       {"NSErrorKVZ", [NSError errorWithDomain:@"domain" code:7 userInfo:nil]},
       {"NSRunningApplicationKVZ", [[cocoaClass("NSRunningApplication") new] autorelease]},
@@ -224,8 +225,13 @@ void fixedWrappers() {
       {"NSTimeZoneKVZ", [NSTimeZone timeZoneForSecondsFromGMT:3600]},
       {"NSParagraphStyleKVZ", [[cocoaClass("NSParagraphStyle") new] autorelease]},
   };
-  for (const Row& row : rows) expectHost(row.wrapper, row.object, row.wrapper);
 }
+
+void fixedWrappers() {
+  for (const FixedRow& row : fixedRows()) expectHost(row.wrapper, row.object, row.wrapper);
+}
+
+id attributed() { return [[[NSAttributedString alloc] initWithString:@"a"] autorelease]; }
 
 void walkedClasses() {
   constexpr const char* views[] = {"NSTextViewKVZ", "NSTextKVZ", "NSViewKVZ", "NSResponderKVZ",
@@ -236,8 +242,7 @@ void walkedClasses() {
   Class longName = static_cast<Class>(appkit_class_with_long_name(200));
   expectHost("long name", [[longName new] autorelease], "NSViewKVZ",
              {std::begin(views), std::end(views)});
-  expectHost("attributed", [[[NSAttributedString alloc] initWithString:@"a"] autorelease],
-             "NSAttributedStringKVZ", {"NSObjectKVZ"});
+  expectHost("attributed", attributed(), "NSAttributedStringKVZ", {"NSObjectKVZ"});
 }
 
 void URLs() {
@@ -381,8 +386,8 @@ const std::vector<Scenario> toHostScenarios = {
     {"to-host-collections", &standard, collections},
     {"to-host-brittle", &standard, brittleCollections},
     {"to-host-registered", &standard, registered},
-    {"to-host-fixed", &standard, fixedWrappers},
-    {"to-host-walked", &standard, walkedClasses},
+    {"to-host-fixed", &standard, fixedWrappers, [] { fixedRows(); }},
+    {"to-host-walked", &standard, walkedClasses, [] { attributed(); }},
     {"to-host-urls", &standard, URLs},
     {"to-host-boxes", &standard, boxes},
     {"to-host-values", &standard, values},

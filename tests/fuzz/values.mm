@@ -1,0 +1,958 @@
+// Trees of values both ways, against what the rules say each value becomes.
+//
+// The input: direction, ways that are missing; a tree, each value as its kind and what that needs.
+// A tree that is made in Cocoa goes through an item's propertiesDictionary, and what came of it
+// back through feed parameters; a tree that is made in the host goes through feed parameters.
+//
+// Every value is made together with a line that says what it becomes, or with none where anything
+// may come of it.
+#include "fakes.h"
+
+#include "testbed/cocoa/typeids.h"
+
+#include <algorithm>
+#include <cmath>
+#include <iconv.h>
+#include <optional>
+#include <time.h>
+#include <vector>
+
+using Line = std::optional<std::string>;
+
+// An item whose properties are whatever it is given; not retained.
+@interface PlayedItem : NSObject {
+@public
+  id properties;
+}
+@end
+@implementation PlayedItem
+- (id)propertiesDictionary {
+  return properties;
+}
+@end
+
+@interface OddDate : NSDate {
+@public
+  double seconds;
+}
+@end
+@implementation OddDate
+- (id)init {
+  return self;
+}
+- (NSTimeInterval)timeIntervalSinceReferenceDate {
+  return seconds;
+}
+@end
+
+// Throws when its elements are walked to the second.
+@interface BrittleArray : NSArray {
+@public
+  id first;
+  bool throwsOther;
+}
+@end
+@implementation BrittleArray
+- (NSUInteger)count {
+  return 2;
+}
+- (id)objectAtIndex:(NSUInteger)index {
+  if (index == 0) return first;
+  if (throwsOther) @throw [[NSObject new] autorelease];
+  [NSException raise:@"Brittle" format:@"no element %u", static_cast<unsigned>(index)];
+  return nil;
+}
+@end
+
+// A number of any type code.
+@interface CodedNumber : NSNumber {
+@public
+  char code[8];
+}
+@end
+@implementation CodedNumber
+- (const char*)objCType {
+  return code;
+}
+- (double)doubleValue {
+  return 15.125;
+}
+- (void)getValue:(void*)buffer {
+  (void)buffer;
+}
+@end
+
+@interface Plain : NSObject
+@end
+@implementation Plain
+@end
+
+@protocol Boxing
++ (id)wrap:(void*)object;
+@end
+
+namespace {
+
+constexpr unsigned deepest = 5;
+constexpr unsigned mostValues = 300;
+// Collections nested deeper than this make the whole conversion answer nothing.
+constexpr unsigned carriedDepth = 1024;
+
+// What the tree at hand does besides.
+struct Tree {
+  unsigned values = 0;
+  bool mayRaise = false;
+  bool tooDeep = false; // it answers nothing at all
+  bool mayBeTooDeep = false;
+  std::vector<id> cycles; // mutable collections that hold themselves
+  std::vector<host::Object> hostCycles;
+};
+Tree* tree;
+
+bool full(unsigned depth) { return ++tree->values > mostValues || depth > deepest; }
+
+// ---- Lines
+
+std::string hex(std::string_view bytes) {
+  std::string text;
+  char digits[4];
+  for (unsigned char byte : bytes) {
+    snprintf(digits, sizeof digits, "%02x", byte);
+    text += digits;
+  }
+  return text;
+}
+
+std::string real(double value) {
+  char text[40];
+  snprintf(text, sizeof text, std::isnan(value) ? "nan" : "%.17g", value);
+  return text;
+}
+
+std::optional<std::string> utf8(std::u16string_view units) {
+  static iconv_t converter = iconv_open("UTF-8", "UTF-16LE");
+  fuzz::require(converter != iconv_t(-1), "iconv lacks UTF-16; is GCONV_PATH set?");
+  iconv(converter, nullptr, nullptr, nullptr, nullptr);
+  std::string bytes(units.size() * 4 + 4, '\0');
+  char *in = reinterpret_cast<char*>(const_cast<char16_t*>(units.data())), *out = bytes.data();
+  size_t inLeft = units.size() * 2, outLeft = bytes.size();
+  if (iconv(converter, &in, &inLeft, &out, &outLeft) == size_t(-1)) return {};
+  bytes.resize(bytes.size() - outLeft);
+  return bytes;
+}
+
+template <typename Range, typename Each>
+std::string joined(const char* open, const char* close, const Range& range, Each each) {
+  std::string text = open;
+  for (auto& value : range) text += each(value) + ",";
+  return text + close;
+}
+
+std::string sortedEntries(std::vector<std::string> entries) {
+  std::sort(entries.begin(), entries.end());
+  return joined("{", "}", entries, [](const std::string& entry) { return entry; });
+}
+
+std::string hostScalar(const host::Value& value) {
+  if (std::holds_alternative<host::String>(value.held())) {
+    auto text = value.as<host::String>();
+    return text ? "text " + hex(host::bytes(text)) : "no text";
+  }
+  if (std::holds_alternative<float>(value.held())) return real(value.as<float>());
+  if (std::holds_alternative<double>(value.held())) return real(value.as<double>());
+  return host::print(value);
+}
+
+// A struct of the wrapper classes that have one.
+size_t structSize(const std::string& className) {
+  return className == "NSRectKVZ"                                                             ? 16
+         : className == "NSSizeKVZ" || className == "NSPointKVZ" || className == "NSRangeKVZ" ? 8
+                                                                                              : 0;
+}
+
+std::string hostLine(const host::Object& object) {
+  if (!object) return "nil";
+  std::string type = host::className(object);
+  if (type == "Variant") {
+    host::VariantView view = host::inspect(object);
+    return view.maker + " " + hostScalar(view.value);
+  }
+  if (type == "Array")
+    return joined("[", "]", host::elements(object),
+                  [](const host::Value& element) { return hostLine(element.as<host::Object>()); });
+  if (type == "Dictionary") {
+    std::vector<std::string> entries;
+    for (auto& [key, value] : host::entries(object))
+      entries.push_back(hostLine(key) + "=" + hostLine(value));
+    return sortedEntries(entries);
+  }
+  if (type == "Date") {
+    host::DateFields f = host::dateFields(object);
+    char text[90];
+    snprintf(text, sizeof text, "Date %d-%d-%d %d:%d:%d", f.year, f.month, f.day, f.hour, f.minute,
+             f.second);
+    return text;
+  }
+  if (type == "MemoryBlock") return "bytes " + hex(host::memoryBlockBytes(object));
+  if (size_t size = structSize(type))
+    return type + " " + hex({static_cast<const char*>(host::data(object)), size});
+  return type;
+}
+
+std::string cocoaLine(id object) {
+  if (!object || object == [NSNull null]) return "nil";
+  if ([object isKindOfClass:[NSNumber class]]) {
+    std::string code = [object objCType];
+    if (code == "f" || code == "d") return code + " " + real([object doubleValue]);
+    return code + " " + std::to_string([object longLongValue]);
+  }
+  if ([object isKindOfClass:[NSString class]]) {
+    std::u16string units([object length], u'\0');
+    [object getCharacters:reinterpret_cast<unichar*>(units.data())
+                    range:NSMakeRange(0, units.size())];
+    return "text " + hex(utf8(units).value_or("?"));
+  }
+  if ([object isKindOfClass:[NSDate class]])
+    return "date " + real([object timeIntervalSinceReferenceDate]);
+  if ([object isKindOfClass:[NSData class]])
+    return "bytes " + hex({static_cast<const char*>([object bytes]), [object length]});
+  if ([object isKindOfClass:[NSArray class]]) {
+    std::string text = "[";
+    for (NSUInteger i = 0; i < [object count]; ++i)
+      text += cocoaLine([object objectAtIndex:i]) + ",";
+    return text + "]";
+  }
+  if ([object isKindOfClass:[NSDictionary class]]) {
+    std::vector<std::string> entries;
+    NSEnumerator* keys = [object keyEnumerator];
+    while (id key = [keys nextObject])
+      entries.push_back(cocoaLine(key) + "=" + cocoaLine([object objectForKey:key]));
+    return sortedEntries(entries);
+  }
+  if ([object isKindOfClass:[NSValue class]]) {
+    char content[64] = {};
+    NSUInteger size = 0, alignment;
+    NSGetSizeAndAlignment([object objCType], &size, &alignment);
+    if (size <= sizeof content) [object getValue:content];
+    return std::string([object objCType]) + " " + hex({content, size});
+  }
+  return object_getClassName(object);
+}
+
+// What a list in Cocoa is made of: a nil element ends the conversion.
+constexpr const char* raising = "raises";
+
+Line cocoaList(const std::vector<Line>& elements) {
+  std::string text = "[";
+  for (const Line& element : elements) {
+    if (!element) return {};
+    if (*element == "nil" || *element == raising) return raising;
+    text += *element + ",";
+  }
+  return text + "]";
+}
+
+Line cocoaEntries(const std::vector<std::pair<Line, Line>>& entries) {
+  std::vector<std::string> lines;
+  bool raises = false;
+  for (auto& [key, value] : entries) {
+    if (!key || !value) return {};
+    raises |= *key == raising || *value == raising;
+    lines.push_back(*key + "=" + *value);
+  }
+  return raises ? raising : sortedEntries(lines);
+}
+
+// ---- Trees in Cocoa
+
+struct Made {
+  id object = nil; // autoreleased
+  Line there;      // in the host
+  Line back;       // in Cocoa again
+};
+std::vector<Made> earlier;
+
+Made number(fuzz::Input& input) {
+  auto line = [](NSNumber* object, const char* maker, auto value, const char* code) {
+    std::string text;
+    if constexpr (std::is_floating_point_v<decltype(value)>)
+      text = real(value);
+    else if constexpr (std::is_same_v<decltype(value), bool>)
+      return Made{object, std::string(maker) + (value ? " true" : " false"),
+                  std::string(code) + (value ? " 1" : " 0")};
+    else
+      text = std::to_string(value);
+    return Made{object, std::string(maker) + " " + text, std::string(code) + " " + text};
+  };
+  switch (input.below(14)) {
+  case 0: {
+    auto v = input.number<signed char>();
+    return line([NSNumber numberWithChar:v], "BooleanToVariant", v != 0, "c");
+  }
+  case 1: {
+    bool v = input.byte() & 1;
+    return line([NSNumber numberWithBool:v], "BooleanToVariant", v, "c");
+  }
+  case 2: {
+    int v = input.number<uint8_t>();
+    return line([NSNumber numberWithUnsignedChar:v], "Int32ToVariant", v, "l");
+  }
+  case 3: {
+    int v = input.number<int16_t>();
+    return line([NSNumber numberWithShort:v], "Int32ToVariant", v, "l");
+  }
+  case 4: {
+    int v = input.number<uint16_t>();
+    return line([NSNumber numberWithUnsignedShort:v], "Int32ToVariant", v, "l");
+  }
+  case 5: {
+    auto v = input.number<int32_t>();
+    return line([NSNumber numberWithInt:v], "Int32ToVariant", v, "l");
+  }
+  case 6: {
+    auto v = input.number<uint32_t>();
+    return line([NSNumber numberWithUnsignedInt:v], "UInt32ToVariant", v, "q");
+  }
+  case 7: {
+    auto v = input.number<int32_t>();
+    return line([NSNumber numberWithLong:v], "Int32ToVariant", v, "l");
+  }
+  case 8: {
+    auto v = input.number<uint32_t>();
+    return line([NSNumber numberWithUnsignedLong:v], "UInt32ToVariant", v, "q");
+  }
+  case 9: {
+    auto v = input.number<int64_t>();
+    return line([NSNumber numberWithLongLong:v], "Int64ToVariant", v, "q");
+  }
+  case 10: {
+    auto v = input.number<uint64_t>(); // of which 32 bits are carried
+    return line([NSNumber numberWithUnsignedLongLong:v], "UInt64ToVariant", v & 0xFFFFFFFF, "q");
+  }
+  case 11: {
+    auto v = input.number<float>();
+    return line([NSNumber numberWithFloat:v], "SingleToVariant", v, "f");
+  }
+  case 12: {
+    auto v = input.number<double>();
+    return line([NSNumber numberWithDouble:v], "DoubleToVariant", v, "d");
+  }
+  default: {
+    CodedNumber* odd = [[CodedNumber new] autorelease];
+    std::string_view code = input.bytes(7);
+    memcpy(odd->code, code.data(), code.size());
+    return {odd, {}, {}};
+  }
+  }
+}
+
+Made text(fuzz::Input& input) {
+  std::u16string units;
+  if (unsigned length = input.byte(); length & 1)
+    for (char byte : input.bytes(length / 2)) units += static_cast<unsigned char>(byte);
+  else
+    for (unsigned i = 0; i < length / 2; ++i) units += input.number<char16_t>();
+  Line bytes = utf8(units);
+  if (bytes) bytes = bytes->substr(0, bytes->find('\0'));
+  bool arrives = bytes && !bytes->empty();
+  return {[AnyString stringWithUnits:units],
+          arrives ? "StringToVariant text " + hex(*bytes) : "StringToVariant no text",
+          arrives ? "text " + hex(*bytes) : "nil"};
+}
+
+Made date(fuzz::Input& input) {
+  OddDate* odd = [[OddDate alloc] init];
+  [odd autorelease];
+  if (input.byte() & 1) {
+    odd->seconds = input.number<double>();
+    tree->mayRaise = true;
+    return {odd, {}, {}};
+  }
+  constexpr int from1970 = 978307200;
+  auto seconds = static_cast<time_t>(input.number<int32_t>());
+  odd->seconds = double(seconds) - from1970;
+  tm fields;
+  gmtime_r(&seconds, &fields);
+  char line[90];
+  snprintf(line, sizeof line, "Date %d-%d-%d %d:%d:%d", fields.tm_year + 1900, fields.tm_mon + 1,
+           fields.tm_mday, fields.tm_hour, fields.tm_min, fields.tm_sec);
+  return {odd, line, "date " + real(odd->seconds)};
+}
+
+template <typename Struct>
+Made structValue(fuzz::Input& input, const char* type, const char* name) {
+  auto content = input.number<Struct>();
+  std::string bytes = hex({reinterpret_cast<const char*>(&content), sizeof content});
+  return {[NSValue valueWithBytes:&content objCType:type], std::string(name) + " " + bytes,
+          std::string(type) + " " + bytes};
+}
+
+struct Floats2 {
+  float values[2];
+};
+struct Floats4 {
+  float values[4];
+};
+
+Made value(fuzz::Input& input) {
+  switch (input.below(6)) {
+  case 0:
+    return structValue<Floats4>(input, @encode(NSRect), "NSRectKVZ");
+  case 1:
+    return structValue<Floats2>(input, @encode(NSSize), "NSSizeKVZ");
+  case 2:
+    return structValue<Floats2>(input, @encode(NSPoint), "NSPointKVZ");
+  case 3:
+    return structValue<NSRange>(input, @encode(NSRange), "NSRangeKVZ");
+  case 4:
+    return {[NSValue valueWithPointer:"pointer"], "nil", "nil"};
+  default: {
+    struct Time {
+      long long value;
+      int32_t scale, flags;
+    } time = input.number<Time>();
+    return {[NSValue valueWithBytes:&time objCType:"{?=qll}"], "QTKitTimeKVZ", {}};
+  }
+  }
+}
+
+Made wrappedObject(fuzz::Input& input) {
+  switch (input.below(8)) {
+  case 0:
+    return {[NSError errorWithDomain:@"fuzz" code:1 userInfo:nil], "NSErrorKVZ", "NSError"};
+  case 1:
+    return {[NSTimeZone timeZoneForSecondsFromGMT:3600], "NSTimeZoneKVZ", {}};
+  case 2:
+    return {[NSCharacterSet controlCharacterSet], "NSCharacterSetKVZ", {}};
+  case 3:
+    return {[[[NSLocale alloc] initWithLocaleIdentifier:@"en"] autorelease], "NSLocaleKVZ", {}};
+  case 4:
+    return {[[Plain new] autorelease], "NSObjectKVZ", "Plain"};
+  case 5:
+    return {[[[NSAttributedString alloc] initWithString:@"a"] autorelease], {}, {}};
+  case 6: {
+    // The host's own object, in a box and out of it.
+    host::Object item = host::create("SUAppcastItemKVZ");
+    return {[(id<Boxing>)objc_getClass("KVZREALobjectWrapper") wrap:item.handle()],
+            "SUAppcastItemKVZ", "KVZREALobjectWrapper"};
+  }
+  default: {
+    static const char* const rows[] = {
+#define ROW(name) #name "GetTypeID",
+        TYPEID_ROWS(ROW)
+#undef ROW
+            nullptr};
+    const char* row = rows[input.below(std::size(rows))];
+    unsigned long type = row ? typeids_of(row) : input.number<int32_t>();
+    return {[typeids_object(type) autorelease], {}, {}};
+  }
+  }
+}
+
+Made make(fuzz::Input& input, unsigned depth);
+
+Made list(fuzz::Input& input, unsigned depth) {
+  NSMutableArray* array = [NSMutableArray array];
+  Line there = "[";
+  std::vector<Line> back;
+  for (unsigned n = input.below(6); n > 0; --n) {
+    Made element = make(input, depth + 1);
+    [array addObject:element.object];
+    if (there) there = element.there ? Line(*there + *element.there + ",") : Line();
+    back.push_back(element.back);
+  }
+  if (there) *there += "]";
+  return {array, there, cocoaList(back)};
+}
+
+Made entries(fuzz::Input& input, unsigned depth) {
+  NSMutableDictionary* dictionary = [NSMutableDictionary dictionary];
+  std::vector<std::string> there;
+  std::vector<std::pair<Line, Line>> back;
+  bool certain = true;
+  unsigned count = input.below(8);
+  bool anyKeys = count == 7;
+  for (unsigned i = 0; i < count; ++i) {
+    std::string name = "k" + std::to_string(i);
+    Made key{[NSString stringWithUTF8String:name.c_str()], "StringToVariant text " + hex(name),
+             "text " + hex(name)};
+    if (anyKeys) key = make(input, depth + 1);
+    // Some keys are the same in the host.
+    if (anyKeys) key.there = key.back = {};
+    Made made = make(input, depth + 1);
+    [dictionary setObject:made.object forKey:key.object];
+    certain &= key.there && made.there;
+    if (certain) there.push_back(*key.there + "=" + *made.there);
+    back.push_back({key.back, made.back});
+  }
+  return {dictionary, certain ? Line(sortedEntries(there)) : Line(), cocoaEntries(back)};
+}
+
+Made deep(fuzz::Input& input, unsigned depth) {
+  Made core = make(input, depth + 1);
+  unsigned levels = input.byte() * 8u;
+  // The levels that stand above are few.
+  if (levels > carriedDepth)
+    tree->tooDeep = true;
+  else if (levels + 100 > carriedDepth)
+    tree->mayBeTooDeep = true;
+  std::string open(levels, '['), close;
+  for (unsigned i = 0; i < levels; ++i) {
+    core.object = [NSArray arrayWithObject:core.object];
+    close += ",]";
+  }
+  if (core.there) core.there = open + *core.there + close;
+  if (core.back && *core.back == "nil" && levels) core.back = raising;
+  if (core.back && *core.back != raising) core.back = open + *core.back + close;
+  return core;
+}
+
+Made cycle(fuzz::Input& input) {
+  tree->tooDeep = true;
+  if (input.byte() & 1) {
+    NSMutableArray* array = [NSMutableArray array];
+    id itself = array;
+    [array addObject:itself];
+    tree->cycles.push_back([array retain]);
+    return {array, {}, {}};
+  }
+  NSMutableDictionary* dictionary = [NSMutableDictionary dictionary];
+  [dictionary setObject:[NSArray arrayWithObject:dictionary] forKey:@"itself"];
+  tree->cycles.push_back([dictionary retain]);
+  return {dictionary, {}, {}};
+}
+
+Made brittle(fuzz::Input& input, unsigned depth) {
+  BrittleArray* array = [[BrittleArray new] autorelease];
+  array->throwsOther = input.byte() & 1;
+  array->first = make(input, depth + 1).object;
+  tree->mayRaise = true;
+  return {array, {}, {}};
+}
+
+Made madeOf(fuzz::Input& input, unsigned depth) {
+  if (full(depth)) return {[NSNull null], "nil", "nil"};
+  switch (input.below(16)) {
+  case 0:
+    return {[NSNull null], "nil", "nil"};
+  case 1:
+  case 2:
+    return text(input);
+  case 3:
+  case 4:
+    return number(input);
+  case 5:
+    return date(input);
+  case 6: {
+    std::string_view bytes = input.bytes(input.below(20));
+    NSData* data = [NSData dataWithBytes:bytes.data() length:bytes.size()];
+    return {data, bytes.empty() ? "nil" : "bytes " + hex(bytes),
+            bytes.empty() ? "nil" : "bytes " + hex(bytes)};
+  }
+  case 7: {
+    std::string address =
+        (input.byte() & 1 ? "file:///" : "http://") + std::string(input.bytes(input.below(24)));
+    NSString* string = [NSString stringWithCString:address.c_str()
+                                          encoding:NSISOLatin1StringEncoding];
+    id url = [NSURL URLWithString:string];
+    return {url ? url : [NSNull null], {}, {}};
+  }
+  case 8:
+    return value(input);
+  case 9:
+    return wrappedObject(input);
+  case 10:
+    return list(input, depth);
+  case 11: {
+    // In whatever order it answers them.
+    id array = list(input, depth).object;
+    return {[NSSet setWithArray : array], {}, {}};
+  }
+  case 12:
+    return entries(input, depth);
+  case 13:
+    if (!earlier.empty()) return earlier[input.byte() % earlier.size()];
+    return {[NSNull null], "nil", "nil"};
+  case 14:
+    return deep(input, depth);
+  default:
+    return input.byte() & 1 ? cycle(input) : brittle(input, depth);
+  }
+}
+
+Made make(fuzz::Input& input, unsigned depth) {
+  Made made = madeOf(input, depth);
+  // A tree of trees is soon a forest; and what comes again is as deep again.
+  if (!tree->tooDeep && !tree->mayBeTooDeep && depth >= deepest - 1) earlier.push_back(made);
+  return made;
+}
+
+// ---- Trees in the host
+
+struct HostMade {
+  host::Value value;
+  Line there; // in Cocoa
+};
+
+HostMade makeInHost(fuzz::Input& input, unsigned depth);
+
+HostMade hostText(fuzz::Input& input) {
+  constexpr uint32_t encodings[] = {host::utf8,   host::utf16, host::macRoman,
+                                    host::latin1, host::ascii, host::unknownEncoding,
+                                    12345};
+  uint32_t encoding = encodings[input.below(std::size(encodings))];
+  host::String string = host::string(input.bytes(input.below(64)), encoding);
+  auto readable = host::text(string);
+  if (!readable) return {string, {}};
+  return {string, "text " + hex(*readable)};
+}
+
+HostMade hostScalarValue(fuzz::Input& input) {
+  switch (input.below(7)) {
+  case 0: {
+    auto v = input.number<int32_t>();
+    return {v, "l " + std::to_string(v)};
+  }
+  case 1: {
+    auto v = input.number<uint32_t>();
+    return {v, "q " + std::to_string(v)};
+  }
+  case 2: {
+    auto v = input.number<int64_t>();
+    return {v, "q " + std::to_string(v)};
+  }
+  case 3: {
+    auto v = input.number<uint64_t>();
+    return {v, "q " + std::to_string(int64_t(v))};
+  }
+  case 4: {
+    auto v = input.number<float>();
+    return {v, "f " + real(v)};
+  }
+  case 5: {
+    auto v = input.number<double>();
+    return {v, "d " + real(v)};
+  }
+  default: {
+    bool v = input.byte() & 1;
+    return {v, v ? "c 1" : "c 0"};
+  }
+  }
+}
+
+HostMade hostArray(fuzz::Input& input, unsigned depth) {
+  std::vector<host::Value> elements;
+  std::vector<Line> lines;
+  unsigned count = input.below(6);
+  auto add = [&](host::Value value, Line line) {
+    elements.push_back(std::move(value));
+    lines.push_back(std::move(line));
+  };
+  int32_t code = input.below(13);
+  for (unsigned i = 0; i < count; ++i) switch (code) {
+    case 2: {
+      auto v = input.number<int32_t>();
+      add(v, "l " + std::to_string(v));
+      break;
+    }
+    case 3: {
+      auto v = input.number<int64_t>();
+      add(v, "q " + std::to_string(v));
+      break;
+    }
+    case 4: {
+      auto v = input.number<float>();
+      add(v, "f " + real(v));
+      break;
+    }
+    case 5: {
+      auto v = input.number<double>();
+      add(v, "d " + real(v));
+      break;
+    }
+    case 7:
+      add(host::date({1950 + input.byte(), 1, 2, 3, 4, 5}), {});
+      tree->mayRaise = true;
+      break;
+    case 8: {
+      HostMade made = hostText(input);
+      if (!made.there) tree->mayRaise = true;
+      add(made.value, made.there);
+      break;
+    }
+    case 11: {
+      bool v = input.byte() & 1;
+      add(v, v ? "c 1" : "c 0");
+      break;
+    }
+    default: {
+      HostMade made = makeInHost(input, depth + 1);
+      add(code == 9 ? made.value : host::Value(host::variant(made.value)), made.there);
+    }
+    }
+  host::Object array = host::array(code, elements);
+  constexpr int32_t known[] = {2, 3, 4, 5, 7, 8, 9, 11};
+  Line line = std::count(std::begin(known), std::end(known), code) ? cocoaList(lines) : Line("nil");
+  if (input.byte() == 1) {
+    host::setReportedBound(array, static_cast<int32_t>(input.byte()) - 2);
+    tree->mayRaise = true;
+    line = {};
+  }
+  return {array, line};
+}
+
+host::Object hostDictionary(fuzz::Input& input, unsigned depth, Line& line) {
+  host::Object dictionary = host::dictionary();
+  std::vector<std::pair<Line, Line>> lines;
+  unsigned count = input.below(8);
+  bool anyKeys = count == 7;
+  for (unsigned i = 0; i < count; ++i) {
+    std::string name = "k" + std::to_string(i);
+    HostMade key{host::Value(name), "text " + hex(name)};
+    if (anyKeys) {
+      key = makeInHost(input, depth + 1);
+      if (key.there && *key.there == raising) tree->mayRaise = true;
+      key.there = {};
+    }
+    HostMade value = makeInHost(input, depth + 1);
+    host::put(dictionary, key.value, value.value);
+    lines.push_back({key.there, value.there});
+  }
+  line = cocoaEntries(lines);
+  switch (input.byte()) {
+  case 1:
+    host::setReportedCount(dictionary, static_cast<int32_t>(input.byte()) - 2);
+    line = {};
+    break;
+  case 2:
+    host::put(dictionary, "itself", dictionary);
+    tree->hostCycles.push_back(dictionary);
+    tree->tooDeep = true;
+    line = {};
+    break;
+  case 3:
+    // Emptied while it is walked.
+    host::onRead(dictionary,
+                 [handle = dictionary.handle()] { host::clear(host::Object::lock(handle)); });
+    tree->mayRaise = true;
+    line = {};
+    break;
+  case 4:
+    host::lackMethod(dictionary, "Value(key As Variant) As Variant");
+    line = {};
+    break;
+  case 5:
+    host::lackMethod(dictionary, "Key(index As Integer) As Variant");
+    line = count ? Line("{}") : line;
+    break;
+  default:
+    break;
+  }
+  return dictionary;
+}
+
+HostMade wrapperInstance(fuzz::Input& input) {
+  constexpr const char* names[] = {
+      "NSRectKVZ",   "NSSizeKVZ",    "NSPointKVZ",    "NSRangeKVZ",       "NSObjectKVZ",
+      "CFObjectKVZ", "NSErrorKVZ",   "NSPathCellKVZ", "QTKitTimeKVZ",     "CMTimeKVZ",
+      "CGImageKVZ",  "SUAppcastKVZ", "SUUpdaterKVZ",  "RuntimeException", "NSExceptionKVZ"};
+  const char* name = names[input.below(std::size(names))];
+  host::Object instance = host::create(name);
+  if (size_t size = structSize(name)) {
+    auto content = input.number<Floats4>();
+    memcpy(host::data(instance), &content, size);
+    std::string type = size == 16                    ? @encode(NSRect)
+                       : !strcmp(name, "NSSizeKVZ")  ? @encode(NSSize)
+                       : !strcmp(name, "NSPointKVZ") ? @encode(NSPoint)
+                                                     : @encode(NSRange);
+    return {instance, type + " " + hex({reinterpret_cast<const char*>(&content), size})};
+  }
+  tree->mayRaise = true; // those that hold nothing give nil
+  return {instance, {}};
+}
+
+HostMade makeInHost(fuzz::Input& input, unsigned depth) {
+  if (full(depth)) return {nullptr, "nil"};
+  switch (input.below(14)) {
+  case 0:
+    return {nullptr, "nil"};
+  case 1:
+  case 2:
+  case 3: {
+    HostMade made = hostText(input);
+    if (!made.there) tree->mayRaise = true;
+    return made;
+  }
+  case 4:
+  case 5:
+    return hostScalarValue(input);
+  case 6: {
+    host::DateFields fields{input.number<int16_t>(), input.number<int8_t>(),
+                            input.number<int8_t>(),  input.number<int8_t>(),
+                            input.number<int8_t>(),  input.number<int8_t>()};
+    if (input.byte() == 1) fields.year = fields.month = fields.day = input.number<int32_t>();
+    tree->mayRaise = true;
+    return {host::date(fields), {}};
+  }
+  case 7: {
+    std::string_view bytes = input.bytes(input.below(20));
+    host::Object block = host::memoryBlock(bytes);
+    if (input.byte() != 1) return {block, "bytes " + hex(bytes)};
+    host::setReportedSize(block, -1);
+    return {block, "nil"};
+  }
+  case 8: {
+    tree->mayRaise = true;
+    host::Value content = hostScalarValue(input).value;
+    if (input.byte() & 1) content = hostText(input).value;
+    return {host::variantOfCode(input.number<int16_t>() & 0x101F, content), {}};
+  }
+  case 9: {
+    tree->mayRaise = true;
+    std::string path(input.bytes(input.below(40)));
+    std::replace(path.begin(), path.end(), '\0', '0');
+    return {host::folderItem("/" + path), {}};
+  }
+  case 10:
+    return wrapperInstance(input);
+  case 11: {
+    Line line;
+    host::Object dictionary = hostDictionary(input, depth, line);
+    return {dictionary, line};
+  }
+  case 12: {
+    HostMade core = makeInHost(input, depth + 1);
+    unsigned levels = input.byte() * 8u;
+    if (levels > carriedDepth)
+      tree->tooDeep = true;
+    else if (levels + 100 > carriedDepth)
+      tree->mayBeTooDeep = true;
+    std::string open(levels, '['), close;
+    for (unsigned i = 0; i < levels; ++i) {
+      core.value = host::array(9, {core.value});
+      close += ",]";
+    }
+    if (core.there && *core.there == "nil" && levels) core.there = raising;
+    if (core.there && *core.there != raising) core.there = open + *core.there + close;
+    return core;
+  }
+  default:
+    return hostArray(input, depth);
+  }
+}
+
+// ---- Once through the plug-in
+
+host::Object answered;
+
+// What the framework gets when the program answers these; the exception that ends the callback
+// leaves the array and the element at hand locked, as it is meant to.
+NSArray* feed(const std::vector<host::Value>& elements, bool& raised) {
+  std::vector<int> held;
+  for (const host::Value& element : elements)
+    held.push_back(host::referenceCount(element.as<host::Object>()));
+  host::Object array = host::array(9, elements);
+  answered = array;
+  int lines = fuzz::logLines();
+  host::Object updater = host::construct("Program", "Constructor");
+  NSArray* answer = [static_cast<id<PluginObjects>>([fuzz::handleOf(updater) delegate])
+      feedParametersForUpdater:nil
+          sendingSystemProfile:NO];
+  answered = nullptr;
+  raised = fuzz::logLines() > lines;
+  fuzz::require(host::referenceCount(array) == (raised ? 2 : 1), "the array's references changed");
+  if (raised) host::Object::adopt(array.handle()).reset();
+  array.reset();
+  int lost = 0;
+  for (size_t i = 0; i < elements.size(); ++i) {
+    auto element = elements[i].as<host::Object>();
+    // One for this variable.
+    while (element && host::referenceCount(element) > held[i] + 1 && raised && lost++ == 0)
+      host::Object::adopt(element.handle()).reset();
+  }
+  return answer;
+}
+
+void compare(const Line& expected, const std::string& found, const char* where) {
+  if (expected && *expected != found)
+    fuzz::fail(std::string(where) + " this arrived:\n" + found + "\ninstead of\n" + *expected);
+}
+
+void checkFed(const std::vector<host::Value>& elements, const std::vector<Line>& lines) {
+  bool raised = false;
+  NSArray* answer = feed(elements, raised);
+  bool certain = !tree->mayRaise && !tree->tooDeep && !tree->mayBeTooDeep;
+  Line expected = cocoaList(lines);
+  if (!certain || !expected) return;
+  fuzz::require(raised == (*expected == raising),
+                raised ? "the conversion raised" : "the conversion did not raise");
+  if (!raised) compare(expected, cocoaLine(answer), "in the framework");
+}
+
+void fromCocoa(fuzz::Input& input) {
+  Made made = entries(input, 0);
+  PlayedItem* played = [[PlayedItem new] autorelease];
+  played->properties = made.object;
+  host::Object item = fuzz::instanceOf("SUAppcastItemKVZ", played);
+  host::Object result;
+  host::Thrown thrown = host::catching(
+      [&] { result = host::get<host::Object>(item, "propertiesDictionary as dictionary"); });
+  bool ended = bool(thrown) || host::takeException();
+  fuzz::require(!ended || tree->mayRaise, "the conversion threw");
+  fuzz::require(!ended || !result, "the conversion threw and answered");
+  if (ended) return;
+  fuzz::require(!tree->tooDeep || tree->mayRaise || !result, "what has no end arrived");
+  if (!result) return fuzz::require(tree->tooDeep || tree->mayBeTooDeep, "nothing arrived");
+  compare(made.there, hostLine(result), "in the host");
+  checkFed({result}, {made.back});
+}
+
+void fromHost(fuzz::Input& input) {
+  std::vector<host::Value> elements;
+  std::vector<Line> lines;
+  for (unsigned n = 1 + input.below(3); n > 0; --n) {
+    Line line;
+    elements.push_back(hostDictionary(input, 0, line));
+    lines.push_back(line);
+  }
+  checkFed(elements, lines);
+}
+
+constexpr const char* readers[] = {"VariantToString", "VariantToInt32",
+                                   "VariantToInt64",  "VariantToSingle",
+                                   "VariantToDouble", "VarType(value As Variant) As Int32"};
+
+void run(fuzz::Input& input) {
+  Tree now;
+  tree = &now;
+  bool inCocoa = input.byte() & 1;
+  // What an operation does not read, a property does.
+  unsigned missing = input.byte();
+  for (size_t i = 0; i < std::size(readers); ++i)
+    missing & 1u << i ? host::makeAbsent(readers[i]) : host::makePresent(readers[i]);
+  inCocoa ? fromCocoa(input) : fromHost(input);
+  earlier.clear();
+  for (id collection : now.cycles) {
+    [collection removeAllObjects];
+    [collection release];
+  }
+  for (const host::Object& dictionary : now.hostCycles) host::clear(dictionary);
+  tree = nullptr;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  fuzz::start({});
+  [NSTimeZone setDefaultTimeZone:[NSTimeZone timeZoneForSecondsFromGMT:0]];
+  fuzz::require(fuzz::loadFakeFramework(), "the framework's part cannot be played");
+  host::subclass("Program", "SUUpdaterKVZ",
+                 {{"feedParametersForUpdater(sendingProfile as boolean) as dictionary()",
+                   [](host::Event&) { return host::Value(answered); }}});
+  fuzz::remember();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  return fuzz::execute(data, size, run);
+}
