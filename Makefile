@@ -5,15 +5,24 @@ BUILD    := build/$(PRESET)
 # The system root's own tables, without which GNUstep's text conversions fall back.
 export GCONV_PATH := $(CURDIR)/build/sysroot/usr/lib/i386-linux-gnu/gconv
 
-.PHONY: help setup build demo test plugin coverage format check-format clean
+.PHONY: help setup build demo test plugin torture fuzz soak coverage bench format check-format clean
+
+CYCLES  := 100000
+STRESS  := 60
+SECONDS := 60
 
 help:
 	@sed -n 's/^#: //p' Makefile
 
 #: make demo      run a whole update: HOST=2011.4  FEED=URL  CHECK=information  PLUGIN=macho
+#:                COMPARATOR=reverse
 #: make test      run every test; SANITIZE=1 runs them under the sanitizers
 #: make plugin    build dist/SparkleKVZ.xojo_plugin, the file for the host's Plugins folder
 #: make coverage  lines and branches that the tests reach, as a report
+#: make torture   fail every call of every scenario, one at a time
+#: make fuzz      hostile input to all fuzzing targets, for SECONDS=60 in total
+#: make soak      CYCLES=100000 update checks in a row, then 8 threads for STRESS=60 seconds
+#: make bench     the plug-in's cost beside the least it can cost, into bench/results.md
 #: make format    format the sources
 #: make clean     remove what was built, but keep the 32-bit system root
 
@@ -35,6 +44,21 @@ test: build check-format
 coverage: setup
 	@tools/coverage
 
+torture: setup
+	@tools/build dev torture
+	@build/dev/bin/torture --jobs=2
+
+fuzz: setup
+	@tools/fuzz $(SECONDS)
+
+soak: setup
+	@tools/build $(PRESET) soak
+	@$(BUILD)/bin/soak --cycles=$(CYCLES)
+	@$(BUILD)/bin/soak --stress=$(STRESS)
+
+bench: setup
+	@tools/bench
+
 plugin: setup
 	@tools/build dev macho_plugin
 	@ls -l dist/SparkleKVZ.xojo_plugin
@@ -46,4 +70,4 @@ format: setup
 	@tools/format
 
 clean:
-	rm -rf build/dev build/sanitize build/coverage dist
+	rm -rf build/dev build/sanitize build/coverage build/bench dist

@@ -48,7 +48,7 @@ unsigned checkSteps(const std::string& text) {
     constexpr unsigned few = 100; // the longer ones do the same again and again
     if (operation->values > few) continue;
     Prepared prepared = operation->prepare();
-    for (const Call* call : {&prepared.plugin, &prepared.floor}) stepsOf(prepared, *call);
+    for (const Call* call : {&prepared.plugin, &prepared.floor}) callOnce(prepared, *call);
     std::vector<std::string> plugin = stepsOf(prepared, prepared.plugin);
     std::vector<std::string> floor = stepsOf(prepared, prepared.floor);
     if (plugin == floor) continue;

@@ -111,13 +111,15 @@ std::vector<const Operation*> chosen(const std::string& text) {
 }
 
 void measureTimes(std::vector<Row>& rows) {
+  bool terminal = isatty(STDERR_FILENO);
   for (Row& row : rows) {
     Prepared prepared = row.operation->prepare();
     row.time = timeOf(*row.operation, prepared);
     row.allocations = static_cast<int>(allocations(prepared));
-    fprintf(stderr, "\r\033[K%s: %.2f", fullName(*row.operation).c_str(), row.time.ratio);
+    if (terminal)
+      fprintf(stderr, "\r\033[K%s: %.2f", fullName(*row.operation).c_str(), row.time.ratio);
   }
-  fprintf(stderr, "\r\033[K");
+  if (terminal) fprintf(stderr, "\r\033[K");
 }
 
 void countInstructions(const std::string& text) {
@@ -127,7 +129,7 @@ void countInstructions(const std::string& text) {
     Prepared prepared = operation->prepare();
     // The largest are known by their smaller kin.
     constexpr unsigned large = 10000;
-    for (int i = 0; i < (operation->values <= large ? 2 : 0); ++i)
+    if (operation->values <= large)
       for (const Call* call : {&prepared.plugin, &prepared.floor})
         batch(*operation, prepared, *call);
     for (const Call* call : {&prepared.plugin, &prepared.floor})

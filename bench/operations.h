@@ -56,6 +56,9 @@ struct LookUps {
 LookUps lookUpsToHost();
 LookUps lookUpsToCocoa();
 
+// Until everything is found and cached.
+void callOnce(const Prepared& prepared, const Call& call);
+
 // How often the plug-in allocates memory during one call.
 unsigned allocations(const Prepared& prepared);
 

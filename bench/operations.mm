@@ -717,8 +717,10 @@ std::vector<Operation> makeOperations() {
     for (unsigned count : {10u, 100u, 1000u, 10000u}) {
       const char* which = time == Time::first ? ", first call" : ", repeated call";
       std::string from = count < 1000 ? "" : std::to_string(count / 100) + " items" + which;
-      all.push_back({section, std::to_string(count) + " items" + which, lists,
-                     std::max(1u, 1000 / count), [=] { return items(count, time); }, count, from});
+      // What a first call makes is alive until its batch ends.
+      unsigned calls = time == Time::first ? 1 : std::max(1u, 1000 / count);
+      all.push_back({section, std::to_string(count) + " items" + which, lists, calls,
+                     [=] { return items(count, time); }, count, from});
     }
 
   section = "Dictionaries";
@@ -735,21 +737,22 @@ std::vector<Operation> makeOperations() {
   }
 
   section = "Values on their way to the host";
-  all.push_back({section, "object with an instance", variants, 4, knownToHost, values});
+  // One call a batch: what an earlier call made is alive until the batch ends, and would be found.
+  all.push_back({section, "object with an instance", variants, 1, knownToHost, values});
   for (const CocoaRow& row : cocoaRows)
-    all.push_back({section, row.name, variants, 4,
+    all.push_back({section, row.name, variants, 1,
                    [&row] { return valuesToHost(row.floor, row.make); }, values});
 
   section = "Values on their way to Cocoa";
   for (const HostRow& row : hostRows)
-    all.push_back({section, row.name, variants, 4, [&row] { return valuesToCocoa(row); }, values});
+    all.push_back({section, row.name, variants, 1, [&row] { return valuesToCocoa(row); }, values});
 
   section = "Reporting callbacks on the main thread";
   all.push_back({section, "updaterDidNotFindUpdate", callbacks, many, notFound});
   all.push_back({section, "didFindValidUpdate with a new instance", callbacks, many, found});
 
   section = "Objects of no wrapper class";
-  all.push_back({section, "on their way to the host", variants, 4, unknownToHost, values});
+  all.push_back({section, "on their way to the host", variants, 1, unknownToHost, values});
 
   section = "Start-up";
   all.push_back({section, "registration of the four classes", variants, 1, startUp});
@@ -805,9 +808,12 @@ void drop(Gives gives, uint64_t result) {
 namespace {
 
 LookUps lookUpsOf(const Call& call, Gives gives) {
+  // The host also counts what it is asked for an object at hand, as "array.insert Object": that is
+  // no look-up by name, or (a method) counted below.
   auto ofOperations = [] {
     uint64_t sum = 0;
-    for (const std::string& name : host::operationNames()) sum += host::lookups(name);
+    for (const std::string& name : host::operationNames())
+      if (name.find('.') == std::string::npos) sum += host::lookups(name);
     return sum;
   };
   uint64_t operations = ofOperations();
@@ -818,7 +824,6 @@ LookUps lookUpsOf(const Call& call, Gives gives) {
     if (entry.name == "PluginNewInstance") ++result.classes;
     if (entry.name == "REALLoadObjectMethod") ++result.methods;
   }
-  // Methods of objects are counted above; the host knows each as an operation too.
   result.classes += static_cast<unsigned>(ofOperations() - operations);
   result.classes += runtimeLookUps() - runtime;
   return result;
@@ -850,6 +855,14 @@ LookUps lookUpsToCocoa() {
     feed = parametersOf(host::array(9, elements));
     return lookUpsOf(call, Gives::nothing);
   });
+}
+
+void callOnce(const Prepared& prepared, const Call& call) {
+  if (prepared.before) prepared.before();
+  host::Pool pool;
+  uint64_t result = 0;
+  perform(call, 1, &result);
+  drop(prepared.gives, result);
 }
 
 unsigned allocations(const Prepared& prepared) {

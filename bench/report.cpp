@@ -1,6 +1,8 @@
 #include "bench/report.h"
 
 #include <cstdio>
+#include <fstream>
+#include <unistd.h>
 
 namespace bench {
 namespace {
@@ -43,6 +45,15 @@ std::string line(const Row& row) {
          std::to_string(row.allocations) + " | " + verdict(row) + " |\n";
 }
 
+// What kind of machine the times are of.
+std::string machine() {
+  std::ifstream in("/proc/cpuinfo");
+  std::string model = "unknown processor";
+  for (std::string line; std::getline(in, line);)
+    if (line.starts_with("model name")) model = line.substr(line.find(':') + 2);
+  return model + ", " + std::to_string(sysconf(_SC_NPROCESSORS_ONLN)) + " cores";
+}
+
 constexpr const char* head =
     "| operation | target | plug-in | floor | ratio | instructions: plug-in | floor | ratio "
     "| heap | |\n|---|--:|--:|--:|--:|--:|--:|--:|--:|---|\n";
@@ -67,7 +78,9 @@ std::string report(const Findings& findings) {
       "are a thread's own, of one call, and the middle one of 11 pairs; a ratio is the middle one "
       "of the pairs' ratios. Instructions are callgrind's and depend on no machine. Both count "
       "everything below the call, host and Cocoa included. Heap is how often the plug-in itself "
-      "allocates memory in one call. A conversion row is one call that converts 100 values.\n";
+      "allocates memory in one call. A conversion row is one call that converts 100 values.\n\n"
+      "SparkleKVZ " VERSION " on " +
+      machine() + ".\n";
   std::string section;
   unsigned reached = 0;
   for (const Row& row : findings.rows) {

@@ -13,15 +13,20 @@
 
 #include "cocoa/objc.h"
 
-#include <type_traits>
+#include <setjmp.h>
 
-// Runs body(context) inside an exception frame. Answers what was thrown out of it, borrowed, or
-// nil when it ended on its own. Out of line on purpose: see above.
-id attemptCall(void (*body)(void* context), void* context);
-
-template <class Body> inline id attempt(Body&& body) {
-  using Plain = std::remove_reference_t<Body>;
-  return attemptCall([](void* context) { (*static_cast<Plain*>(context))(); }, &body);
+// Runs the body inside an exception frame. Answers what was thrown out of it, borrowed, or nil when
+// it ended on its own. Out of line on purpose, which is what keeps the caller's variables in
+// memory: see above. After a throw nothing here is read but the frame.
+template <class Body> [[gnu::noinline]] id attempt(Body&& body) {
+  ExceptionFrame frame;
+  objc_exception_try_enter(&frame);
+  if (_setjmp(*reinterpret_cast<jmp_buf*>(&frame.buffer)) == 0) {
+    body();
+    objc_exception_try_exit(&frame);
+    return nullptr;
+  }
+  return objc_exception_extract(&frame);
 }
 
 // Whether a thrown object is an NSException or of a subclass of it.

@@ -60,9 +60,10 @@ id NewNSDate(_REALdate* date) {
 
 REALobjectStruct* NSDateRB(id date) {
   if (!date) return nullptr;
+  // Before the new object: nothing would release that if this threw.
+  auto seconds = send<double>(date, "timeIntervalSinceReferenceDate"_sel);
   id calendarDate = send<id>(send<id>("NSCalendarDate"_class, "alloc"_sel),
-                             "initWithTimeIntervalSinceReferenceDate:"_sel,
-                             send<double>(date, "timeIntervalSinceReferenceDate"_sel));
+                             "initWithTimeIntervalSinceReferenceDate:"_sel, seconds);
   if (!send<id>(calendarDate, "autorelease"_sel)) return nullptr;
   std::int32_t values[kFieldCount];
   for (int i = 0; i < kFieldCount; ++i) {

@@ -46,6 +46,21 @@ void convertToVersion9(REALclassDefinition& type) {
   type.sharedProperties =
       FixProperties(type.sharedProperties, static_cast<int>(type.sharedPropertyCount));
   type.sharedMethods = shortened(type.sharedMethods, type.sharedMethodCount, kMethodWords);
+  // Hosts read as many entries as they are told, and a copy may have found no memory.
+  const struct {
+    const void* table;
+    std::uint32_t& count;
+  } copies[] = {
+      {type.properties, type.propertyCount},
+      {type.methods, type.methodCount},
+      {type.events, type.eventCount},
+      {type.constants, type.constantCount},
+      {type.sharedProperties, type.sharedPropertyCount},
+      {type.sharedMethods, type.sharedMethodCount},
+  };
+  for (const auto& copy : copies) {
+    if (!copy.table) copy.count = 0;
+  }
 }
 
 } // namespace

@@ -269,7 +269,7 @@ TEST_P(WithoutCompanion, AnyOtherObjectGivesNil) {
   EXPECT_TRUE(feeder.raises(host::array(9, {host::create("Thing")})));
 }
 
-TEST_P(WithoutCompanionRules, EveryMissingClassIsAskedForEachTime) {
+TEST_P(WithoutCompanionRules, NoMissingClassIsAskedForTwice) {
   start();
   Feeder feeder;
   host::defineClass("Thing");
@@ -279,7 +279,7 @@ TEST_P(WithoutCompanionRules, EveryMissingClassIsAskedForEachTime) {
   feeder.convertDictionary(dictionary);
   // Of the hundred and more classes only the host's own two are known by now.
   EXPECT_EQ(host::calls("RuntimeObjectIsa"), 2u);
-  EXPECT_GT(host::calls("pluginObjectType"), 120u);
+  EXPECT_EQ(host::calls("pluginObjectType"), 0u);
 }
 
 TEST_P(WithoutCompanion, WrappersOfOthersGiveTheirObject) {

@@ -179,6 +179,18 @@ TEST_P(Dictionaries, ANestedDictionaryIsConvertedOnBothLevels) {
             "{\"before\": \"x\", \"inner\": {\"a\": \"1\", \"b\": \"2\"}, \"after\": \"y\"}");
 }
 
+TEST_P(DictionaryRules, TheOuterMethodsAreSoughtBehindEachConversion) {
+  start();
+  NSDictionary* inner = listed(list(@"a"), list(@"1"));
+  host::startLog();
+  host::Object made = dictionaryToHost(listed(list(@"inner"), list(static_cast<id>(inner))));
+  EXPECT_THAT(lookups(host::stopLog()), ElementsAreArray(threeFor({"#2", "#1"})));
+  made = nullptr;
+  host::startLog();
+  dictionaryToHost(listed(list(@"before", @"inner"), list(@"x", static_cast<id>(inner))));
+  EXPECT_THAT(lookups(host::stopLog()), ElementsAreArray(threeFor({"#1", "#2", "#1"})));
+}
+
 TEST_P(DictionaryRules, ADictionaryAsAKeyIsConvertedToo) {
   start();
   NSDictionary* inner = listed(list(@"a"), list(@"1"));

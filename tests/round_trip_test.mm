@@ -695,6 +695,7 @@ TEST(Generating, RepeatsItselfAndMakesEveryKind) {
   Generator first(7, true), second(7, true);
   std::set<Kind> kinds;
   for (int i = 0; i < 300; ++i) {
+    host::Pool pool;
     Tree tree = first.tree();
     EXPECT_EQ(print(tree), print(second.tree()));
     contains(tree, [&](const Tree& each) {

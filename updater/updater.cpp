@@ -30,8 +30,13 @@ id updaterOf(REALobjectStruct* instance) { return recordOf(instance).updater; }
 
 RBBoolean readFlag(REALobjectStruct* instance, SEL message) {
   RBBoolean result = false;
-  raising([&] { result = static_cast<RBBoolean>(send<BOOL>(updaterOf(instance), message)); });
+  raising(
+      [=, &result] { result = static_cast<RBBoolean>(send<BOOL>(updaterOf(instance), message)); });
   return result;
+}
+
+void writeFlag(REALobjectStruct* instance, SEL message, RBBoolean value) {
+  raising([=] { send<void>(updaterOf(instance), message, static_cast<BOOL>(value)); });
 }
 
 void act(REALobjectStruct* instance, SEL message) {
@@ -43,9 +48,7 @@ template <Literal Message> RBBoolean flag(REALobjectStruct* instance) {
 }
 
 template <Literal Message> void setFlag(REALobjectStruct* instance, RBBoolean value) {
-  raising([&] {
-    send<void>(updaterOf(instance), operator""_sel<Message>(), static_cast<BOOL>(value));
-  });
+  writeFlag(instance, operator""_sel<Message>(), value);
 }
 
 template <Literal Message> void action(REALobjectStruct* instance) {

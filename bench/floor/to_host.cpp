@@ -56,8 +56,8 @@ template <class Value, SEL Selectors::*Message, auto Host::*Make> Object* fromNu
 
 Object* fromDate(id object) {
   ask<6>(object);
-  id date = send<id>(cls.NSCalendarDate, sel.alloc);
-  date = send<id>(date, sel.initDate, send<double>(object, sel.sinceReferenceDate));
+  auto seconds = send<double>(object, sel.sinceReferenceDate);
+  id date = send<id>(send<id>(cls.NSCalendarDate, sel.alloc), sel.initDate, seconds);
   send<id>(date, sel.autorelease);
   auto year = send<std::int32_t>(date, sel.yearOfCommonEra);
   auto month = send<std::int32_t>(date, sel.monthOfYear);

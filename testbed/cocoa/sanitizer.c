@@ -8,7 +8,9 @@ const char* __lsan_default_suppressions(void) {
   /* The runtime's tables of classes, selectors and methods last as long as the process; objects
    * are allocated elsewhere. */
   return "leak:objc_malloc\n"
-         "leak:class_copyMethodList\n";
+         "leak:class_copyMethodList\n"
+         /* A method signature's description of a struct is never freed. */
+         "leak:cifframe_type\n";
 }
 
 const char* __lsan_default_options(void) { return "print_suppressions=0"; }

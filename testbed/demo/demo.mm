@@ -24,7 +24,7 @@ struct Options {
 };
 
 struct OptionRow {
-  const char* name;
+  const char* name; // --host=, which is HOST= of make
   std::string Options::*value;
   std::vector<const char*> allowed; // empty: anything
 };
@@ -58,7 +58,11 @@ Options readOptions(int count, char** arguments) {
       allowed |= value == choice;
       choices += std::string(" ") + choice;
     }
-    if (!allowed) refuse(match->name + value + ": choose one of" + choices);
+    if (!allowed) {
+      std::string name = match->name + 2;
+      for (char& letter : name) letter = static_cast<char>(toupper(letter));
+      refuse(name + value + " is not known; choose one of:" + choices);
+    }
     options.*match->value = value;
   }
   return options;
@@ -104,7 +108,7 @@ void showRequests(const testbed::Server& server) {
     for (const auto& [key, value] : request.parameters) {
       parameters += std::string(parameters.empty() ? "" : ", ") + key + " = \"" + value + "\"";
     }
-    road::line(road::Actor::server, "was asked for " + request.path +
+    road::line(road::Actor::server, "answered a request for " + request.path +
                                         (parameters.empty() ? "" : " with " + parameters) + " by " +
                                         request.user_agent);
   }
@@ -114,7 +118,7 @@ void showRequests(const testbed::Server& server) {
 bool showHost() {
   bool clean = true;
   for (const auto& [type, count] : host::ledger().alive) {
-    road::line(road::Actor::program, "still has " + std::to_string(count) + " × " + type);
+    road::line(road::Actor::program, "has lost " + std::to_string(count) + " × " + type);
     clean = false;
   }
   for (const host::Raised& raised : host::takeExceptions()) {
@@ -123,7 +127,7 @@ bool showHost() {
     clean = false;
   }
   if (clean) {
-    road::line(road::Actor::program, "has no object or string alive and no exception pending");
+    road::line(road::Actor::program, "has lost no object or string, and no exception is pending");
   }
   return clean;
 }
@@ -134,18 +138,18 @@ struct FailureStatus {
   const char* advice;
 };
 constexpr FailureStatus failureStatus[] = {
-    {"fetch", 2, "Is the server running, and the address right?"},
-    {"status", 2, "Is the address right?"},
+    {"fetch", 2, "Start the server, or correct the address in FEED."},
+    {"status", 2, "Correct the address in FEED."},
     {"xml", 3, "The feed must be an RSS document; look at it in a browser."},
     {"items", 4, "The feed must hold at least one <item>."},
     {"signature", 5, "The archive must be signed with the key whose public half is in the app."},
-    {"download", 6, "Is the enclosure's url right?"},
+    {"download", 6, "Correct the url of the feed's enclosure."},
 };
 
 int failed(const road::Failure& failure) {
   for (const FailureStatus& row : failureStatus) {
     if (failure.kind != row.kind) continue;
-    road::verdict(false, "The check failed: " + failure.reason + ". " + row.advice);
+    road::verdict(false, "The check failed: " + failure.reason + ".\n" + row.advice);
     return row.status;
   }
   road::verdict(false, "The check failed: " + failure.reason);
@@ -169,16 +173,23 @@ int run(const Options& options) {
   std::string feed =
       options.feed.empty() ? publishReleases(server, application, keys) : options.feed;
 
-  printf("SparkleKVZ %s, %s, in a host of %s.\nDemo %s is installed; its feed is %s\n\n",
+  printf("SparkleKVZ %s, %s, in the simulated host %s.\n"
+         "Host, Cocoa and update framework are this project's stand-ins for Linux; the plug-in is "
+         "the product.\n"
+         "Demo %s is installed; its feed is %s\n",
          SPARKLEKVZ_VERSION,
-         options.plugin == "elf" ? "the ELF build (libSparkleKVZ.so)"
+         options.plugin == "elf" ? "built for Linux (libSparkleKVZ.so)"
                                  : "the bundle that ships (SparkleKVZ.dylib, Mach-O)",
          options.host.c_str(), installedVersion, feed.c_str());
-  printf("step thread          who        what\n");
+  if (options.comparator == "reverse")
+    printf("The program's comparison is reversed: to it, lower versions are newer.\n");
+  printf("\nstep  thread          who        does what\n");
 
   road::heading("Start-up");
   host::start(options.host);
   loadPlugins(options.plugin);
+  road::line(road::Actor::plugin,
+             "speaks version " + std::to_string(host::announcedVersion()) + " of the interface");
   program::declareClasses({.lookOnly = options.check == "information",
                            .lowerIsNewer = options.comparator == "reverse",
                            .relaunchPath = bundle});
@@ -194,12 +205,11 @@ int run(const Options& options) {
   }
 
   if (program::relaunchIsPostponed()) {
-    road::heading("The program is ready to be relaunched");
     host::call(updater, "InvokeUpdate");
     host::runUntil([] { return road::ended(); }, 60);
   }
 
-  road::heading("What is left");
+  road::heading("Afterwards");
   if (options.feed.empty()) showRequests(server);
   updater.reset();
   program::letGo();
@@ -221,8 +231,9 @@ int run(const Options& options) {
   if (int process = road::startedProcess()) waitpid(process, nullptr, 0);
   std::string by = testbed::read_file(folder / "started");
   bool good = clean && now == offered && started && by.substr(0, by.find('\n')) == offered;
+  std::string why = options.comparator == "reverse" ? ", as the reversed comparison wanted" : "";
   road::verdict(good,
-                "Version " + now + " is installed in place of " + installedVersion +
+                "Version " + now + " is installed in place of " + installedVersion + why +
                     (started ? ", and version " + by.substr(0, by.find('\n')) + " was started."
                              : ", but was not started."));
   return good ? 0 : 1;

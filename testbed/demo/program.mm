@@ -16,6 +16,13 @@ std::string offered;
 // The program keeps its comparison: the framework goes on asking it after the event.
 host::Object comparison;
 
+constexpr size_t widestValue = 70;
+
+// The beginning of what is longer than a line.
+std::string shortened(const std::string& text) {
+  return text.size() <= widestValue ? text : text.substr(0, widestValue) + "…";
+}
+
 void say(const std::string& text) { road::line(road::Actor::program, text); }
 
 std::string textOf(const host::Object& object, const char* member) {
@@ -81,7 +88,7 @@ void updateFound(host::Event& event) {
   }
   auto properties = host::get<host::Object>(event[0], "propertiesDictionary as dictionary");
   for (const auto& [key, value] : host::entries(properties)) {
-    say("  reads " + host::describe(key) + ": " + host::describe(value));
+    say("  reads " + host::describe(key) + ": " + shortened(host::describe(value)));
   }
 }
 
@@ -96,7 +103,8 @@ const host::Handlers updaterEvents = {
     {"didFindValidUpdate(update as SUAppcastItemKVZ)", updateFound},
     {"willInstallUpdate(update as SUAppcastItemKVZ)",
      [](host::Event& event) {
-       say("  makes way for " + textOf(event[0], "displayVersionString as string"));
+       say("  is told that \"" + textOf(event[0], "displayVersionString as string") +
+           "\" will be installed");
      }},
     {"didFinishLoadingAppcast(update as SUAppcastKVZ)", appcastLoaded},
     {"bestValidUpdateInAppcast(appcast as SUAppcastKVZ) as SUAppcastItemKVZ", bestUpdate},

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <mutex>
 #include <unistd.h>
-#include <utility>
+#include <vector>
 
 namespace {
 
@@ -49,12 +49,40 @@ std::string listed(const std::vector<std::string>& values) {
   return text;
 }
 
-// A call that nothing has come between yet: it and its answer make one line.
-thread_local std::string pendingCall;
+// Under the lock.
+void print(road::Actor actor, const std::string& thread, const std::string& text) {
+  const Look& look = looks[static_cast<int>(actor)];
+  printf("%s%4d  %-15s%s %s%-10s%s %s\n", paint("\033[2m"), ++steps, thread.c_str(),
+         paint("\033[0m"), paint(look.colour), look.name, paint("\033[0m"), text.c_str());
+  fflush(stdout);
+}
 
-void flushCall() {
-  std::string call = std::exchange(pendingCall, {});
-  if (!call.empty()) road::line(road::Actor::program, call);
+// Calls that nothing has come after yet, on any thread: such a call and its answer make one line.
+struct Call {
+  std::string thread, text;
+};
+std::vector<Call> openCalls;
+
+void printOpenCalls() {
+  for (const Call& call : openCalls) print(road::Actor::program, call.thread, call.text);
+  openCalls.clear();
+}
+
+void openCall(const std::string& text) {
+  std::string thread = threadName();
+  std::lock_guard lock(mutex);
+  printOpenCalls();
+  openCalls.push_back({thread, text});
+}
+
+// Whether this thread's call was still open; then its line is complete.
+bool closeCall(const std::string& values) {
+  std::string thread = threadName();
+  std::lock_guard lock(mutex);
+  if (openCalls.empty() || openCalls.back().thread != thread) return false;
+  if (!values.empty()) openCalls.back().text += ", is answered " + values;
+  printOpenCalls();
+  return true;
 }
 
 void printStep(const host::Step& step) {
@@ -62,25 +90,18 @@ void printStep(const host::Step& step) {
   std::string values = listed(step.values);
   std::string with = values.empty() ? "" : " with " + values;
   std::string member = memberName(step.member);
-  if (step.kind == host::Step::memberReturned && !pendingCall.empty()) {
-    if (!values.empty()) pendingCall += ", is answered " + values;
-    return flushCall();
-  }
   switch (step.kind) {
   case host::Step::pluginLoaded:
     return road::line(Actor::program, "loads the plug-in " + step.member + step.className);
   case host::Step::classRegistered:
     return road::line(Actor::plugin, "registers the class " + step.className);
   case host::Step::memberCalled:
-    flushCall();
-    if (values.empty() || step.member.find('(') != std::string::npos) {
-      pendingCall = "calls " + step.className + "." + member + with;
-    } else {
-      pendingCall = "sets " + step.className + "." + member + " to " + values;
-    }
-    return;
+    if (values.empty() || step.member.find('(') != std::string::npos)
+      return openCall("calls " + step.className + "." + member + with);
+    return openCall("sets " + step.className + "." + member + " to " + values);
   case host::Step::memberReturned:
-    if (!values.empty()) road::line(Actor::plugin, "answers " + member + with);
+    if (!closeCall(values) && !values.empty())
+      road::line(Actor::plugin, "answers " + member + with);
     return;
   case host::Step::eventRaised:
     return road::line(Actor::plugin, "raises the event " + member + with);
@@ -94,6 +115,42 @@ void printStep(const host::Step& step) {
   }
 }
 
+// What the framework does, said of it.
+struct Deed {
+  NSString* step;
+  const char* does;
+};
+const Deed deeds[] = {
+    {SUStepChecking, "checks for updates of"},
+    {SUStepIgnored, "ignores"},
+    {SUStepDelegate, "tells its delegate"},
+    {SUStepFetching, "fetches"},
+    {SUStepLoaded, "has loaded the feed:"},
+    {SUStepComparing, "compares the versions"},
+    {SUStepFound, "finds the update"},
+    {SUStepNotFound, "finds nothing newer:"},
+    {SUStepDownloading, "downloads"},
+    {SUStepDownloaded, "has downloaded"},
+    {SUStepSignature, "finds the signature"},
+    {SUStepUnpacked, "has unpacked"},
+    {SUStepInstalling, "installs into"},
+    {SUStepInstalled, "has installed"},
+    {SUStepPostponed, "postpones the relaunch into"},
+    {SUStepContinued, "continues the relaunch into"},
+    {SUStepRelaunching, "relaunches"},
+    {SUStepPermission, "asks for permission to check by itself:"},
+    {SUStepScheduled, "schedules:"},
+    {SUStepFinished, "is done:"},
+    {SUStepFailed, "has failed:"},
+};
+
+std::string deed(NSString* step, NSString* detail) {
+  std::string does = std::string([step UTF8String]) + ":";
+  for (const Deed& row : deeds)
+    if ([row.step isEqual:step]) does = row.does;
+  return does + " " + [detail UTF8String];
+}
+
 } // namespace
 
 @interface RoadObserver : NSObject
@@ -105,11 +162,9 @@ void printStep(const host::Step& step) {
   NSDictionary* info = [notification userInfo];
   NSString* step = [info objectForKey:@"step"];
   NSString* detail = [info objectForKey:@"detail"];
-  if ([step isEqual:SUStepDelegate]) {
-    road::line(road::Actor::framework, "tells its delegate " + std::string([detail UTF8String]));
-  } else {
-    road::line(road::Actor::framework, std::string([step UTF8String]) + ": " + [detail UTF8String]);
-  }
+  if ([step isEqual:SUStepDownloading]) road::heading("The installation");
+  if ([step isEqual:SUStepContinued]) road::heading("The relaunch");
+  road::line(road::Actor::framework, deed(step, detail));
   if ([step isEqual:SUStepRelaunching]) process = [[info objectForKey:@"pid"] intValue];
   if ([step isEqual:SUStepFailed]) {
     std::lock_guard lock(mutex);
@@ -131,24 +186,22 @@ void listen() {
 }
 
 void line(Actor actor, const std::string& text) {
-  flushCall();
-  const Look& look = looks[static_cast<int>(actor)];
   std::string thread = threadName();
   std::lock_guard lock(mutex);
-  printf("%s%3d  %-15s%s %s%-10s%s %s\n", paint("\033[2m"), ++steps, thread.c_str(),
-         paint("\033[0m"), paint(look.colour), look.name, paint("\033[0m"), text.c_str());
-  fflush(stdout);
+  printOpenCalls();
+  print(actor, thread, text);
 }
 
 void heading(const std::string& text) {
   std::lock_guard lock(mutex);
+  printOpenCalls();
   printf("\n%s%s%s\n", paint("\033[1m"), text.c_str(), paint("\033[0m"));
   fflush(stdout);
 }
 
 void verdict(bool good, const std::string& text) {
   std::lock_guard lock(mutex);
-  printf("%s%s%s\n", paint(good ? "\033[1;32m" : "\033[1;31m"), text.c_str(), paint("\033[0m"));
+  printf("\n%s%s%s\n", paint(good ? "\033[1;32m" : "\033[1;31m"), text.c_str(), paint("\033[0m"));
   fflush(stdout);
 }
 

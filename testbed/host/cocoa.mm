@@ -23,9 +23,11 @@ Pool::Pool() : pool_([[NSAutoreleasePool alloc] init]) {}
 Pool::~Pool() { [static_cast<NSAutoreleasePool*>(pool_) release]; }
 
 void* makeCocoaString(const uint16_t* units, size_t count) {
-  if (void* string = [[NSString alloc] initWithCharacters:units length:count]) return string;
-  // GNUstep refuses lone surrogates. Apple's function does not; it is the last resort here, since
-  // tests count and disturb its calls as the plug-in's.
+  NSString* string = [[NSString alloc] initWithCharacters:units length:count];
+  if ([string length] == count) return string;
+  [string release];
+  // GNUstep refuses lone surrogates, and takes a byte order mark off. Apple's function does not; it
+  // is the last resort here, since tests count and disturb its calls as the plug-in's.
   return CFStringCreateWithCharacters(nullptr, units, long(count));
 }
 

@@ -69,11 +69,15 @@ void reading(Dictionary& dictionary) {
   if (hook) hook();
 }
 
-struct Lacking {
-  std::vector<std::pair<const void*, std::string>> methods;
+// Handles come again after their objects' death; numbers do not.
+struct Lack {
+  const Cell* object;
+  uint32_t number;
+  std::string method;
+  bool gone() const { return object->state != State::live || object->number != number; }
 };
-Lacking& lacking() {
-  static auto* instance = new Lacking;
+std::vector<Lack>& lacking() {
+  static auto* instance = new std::vector<Lack>;
   return *instance;
 }
 
@@ -81,18 +85,19 @@ Lacking& lacking() {
 
 bool objectLacks(const void* handle, std::string_view declaration) {
   Guard guard(hostMutex());
-  for (auto& [object, method] : lacking().methods)
-    if (object == handle && method == declaration) return true;
+  for (const Lack& lack : lacking())
+    if (lack.object == findCell(handle) && lack.method == declaration && !lack.gone()) return true;
   return false;
 }
 void resetObjectMethods() {
   Guard guard(hostMutex());
-  lacking().methods.clear();
+  lacking().clear();
 }
 void lackMethod(const Object& object, std::string_view declaration) {
-  objectCell(object, "lackMethod");
+  const Cell& cell = objectCell(object, "lackMethod");
   Guard guard(hostMutex());
-  lacking().methods.emplace_back(object.handle(), declaration);
+  std::erase_if(lacking(), [](const Lack& lack) { return lack.gone(); });
+  lacking().push_back({&cell, cell.number, std::string(declaration)});
 }
 
 Object dictionary(const std::vector<std::pair<Value, Value>>& entries) {

@@ -124,7 +124,8 @@ static NSDictionary* parameter(NSString* key, id value) {
   if (workFolder) [[NSFileManager defaultManager] removeItemAtPath:workFolder error:NULL];
   [update release];
   update = nil;
-  if (outcomeFailure) NSLog(@"Sparkle: the update of %@ failed: %@", [host name], outcome);
+  if (outcomeFailure && !getenv("SPARKLE_QUIET"))
+    NSLog(@"Sparkle: the update of %@ failed: %@", [host name], outcome);
   [updater cycleEnded];
   if (outcomeFailure)
     SUPostStep(updater, SUStepFailed,

@@ -2,10 +2,9 @@
 //
 // The input: member, ways that are missing, encoding, how often the text is repeated; the text.
 #include "fakes.h"
+#include "lines.h"
 
-#include <algorithm>
 #include <iconv.h>
-#include <optional>
 
 @interface Texts : NSObject {
 @public
@@ -106,13 +105,6 @@ std::u16string units(std::string_view bytes) {
   return result;
 }
 
-std::u16string unitsOf(NSString* string) {
-  std::u16string result([string length], u'\0');
-  [string getCharacters:reinterpret_cast<unichar*>(result.data())
-                  range:NSMakeRange(0, result.size())];
-  return result;
-}
-
 std::string hexadecimal(std::u16string_view text) {
   std::string result;
   char digits[8];
@@ -190,9 +182,9 @@ void intoCocoa(Member member, unsigned ways, std::string_view bytes, uint32_t en
   if (!expected.certain) return;
   if (!expected.text) return fuzz::require(!received, "a text came by no way");
   fuzz::require(received, "the text did not arrive");
-  if (unitsOf(received) != *expected.text)
-    fuzz::fail("another text arrived:\n  " + hexadecimal(unitsOf(received)) + "\ninstead of\n  " +
-               hexadecimal(*expected.text));
+  if (fuzz::unitsOf(received) != *expected.text)
+    fuzz::fail("another text arrived:\n  " + hexadecimal(fuzz::unitsOf(received)) +
+               "\ninstead of\n  " + hexadecimal(*expected.text));
 }
 
 void checkInHost(const host::String& text, unsigned ways, std::string_view unitBytes) {

@@ -9,8 +9,11 @@
 // absent in one input and there in the next, and an input behaves alike wherever it stands in a
 // run. The library is loaded once: what the runtime knows of it, classes above all, stays good.
 //
-// The host's year is that of SPARKLEKVZ_HOST, 2013.03 without it. Everything runs on the main
-// thread. Whatever is wrong ends the process with a message.
+// Everything runs on the main thread. Whatever is wrong ends the process with a message.
+//
+// From the environment: SPARKLEKVZ_HOST, the host's year, 2013.03 without it; FUZZ_LOG=1 shows what
+// goes to the system log; FUZZ_STACKS=1 keeps call stacks for the message on lost host objects;
+// FUZZ_PLUGIN, another build of the plug-in with the coverage that the fuzzer reads.
 #pragma once
 
 #include "testbed/host/host.h"
@@ -60,6 +63,10 @@ void start(Options options);
 // Starts the host of another year and opens the plug-in without calling its entry, which is
 // answered.
 void* open(const char* hostName);
+// Another host, without any plug-in.
+void startHost(const char* name);
+// Calls the entry with whatever resolver.
+void enter(void* entry, void* (*resolver)(const char* name));
 
 void remember();
 void recall();
@@ -74,6 +81,9 @@ inline void require(bool holds, const std::string& what) {
 // when the same input comes again and again.
 int execute(const uint8_t* data, size_t size, void (*body)(Input&));
 
+// This execution loses Cocoa objects, as it is meant to.
+void expectCocoaLosses();
+
 // How many lines went to the system log in this execution.
 int logLines();
 
@@ -82,8 +92,8 @@ host::Object instanceOf(std::string_view className, id object);
 
 // Makes the plug-in take these classes for the framework's; nil for one that is missing.
 bool loadFramework(Class updater, Class appcast, Class item);
-// The framework of the testbed.
-bool loadFramework();
+// The framework of this name in the testbed: Sparkle, or one of its broken ones.
+bool loadFrameworkFolder(const std::string& name);
 
 } // namespace fuzz
 

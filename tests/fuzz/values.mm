@@ -7,15 +7,11 @@
 // Every value is made together with a line that says what it becomes, or with none where anything
 // may come of it.
 #include "fakes.h"
+#include "lines.h"
 
 #include "testbed/cocoa/typeids.h"
 
-#include <algorithm>
 #include <cmath>
-#include <iconv.h>
-#include <optional>
-#include <time.h>
-#include <vector>
 
 using Line = std::optional<std::string>;
 
@@ -93,6 +89,8 @@ using Line = std::optional<std::string>;
 
 namespace {
 
+using fuzz::hex, fuzz::hostLine, fuzz::joined, fuzz::real, fuzz::sortedEntries, fuzz::utf8;
+
 constexpr unsigned deepest = 5;
 constexpr unsigned mostValues = 300;
 // Collections nested deeper than this make the whole conversion answer nothing.
@@ -101,6 +99,7 @@ constexpr unsigned carriedDepth = 1024;
 // What the tree at hand does besides.
 struct Tree {
   unsigned values = 0;
+  unsigned levels = 0; // of all deep values
   bool mayRaise = false;
   bool tooDeep = false; // it answers nothing at all
   bool mayBeTooDeep = false;
@@ -113,92 +112,6 @@ bool full(unsigned depth) { return ++tree->values > mostValues || depth > deepes
 
 // ---- Lines
 
-std::string hex(std::string_view bytes) {
-  std::string text;
-  char digits[4];
-  for (unsigned char byte : bytes) {
-    snprintf(digits, sizeof digits, "%02x", byte);
-    text += digits;
-  }
-  return text;
-}
-
-std::string real(double value) {
-  char text[40];
-  snprintf(text, sizeof text, std::isnan(value) ? "nan" : "%.17g", value);
-  return text;
-}
-
-std::optional<std::string> utf8(std::u16string_view units) {
-  static iconv_t converter = iconv_open("UTF-8", "UTF-16LE");
-  fuzz::require(converter != iconv_t(-1), "iconv lacks UTF-16; is GCONV_PATH set?");
-  iconv(converter, nullptr, nullptr, nullptr, nullptr);
-  std::string bytes(units.size() * 4 + 4, '\0');
-  char *in = reinterpret_cast<char*>(const_cast<char16_t*>(units.data())), *out = bytes.data();
-  size_t inLeft = units.size() * 2, outLeft = bytes.size();
-  if (iconv(converter, &in, &inLeft, &out, &outLeft) == size_t(-1)) return {};
-  bytes.resize(bytes.size() - outLeft);
-  return bytes;
-}
-
-template <typename Range, typename Each>
-std::string joined(const char* open, const char* close, const Range& range, Each each) {
-  std::string text = open;
-  for (auto& value : range) text += each(value) + ",";
-  return text + close;
-}
-
-std::string sortedEntries(std::vector<std::string> entries) {
-  std::sort(entries.begin(), entries.end());
-  return joined("{", "}", entries, [](const std::string& entry) { return entry; });
-}
-
-std::string hostScalar(const host::Value& value) {
-  if (std::holds_alternative<host::String>(value.held())) {
-    auto text = value.as<host::String>();
-    return text ? "text " + hex(host::bytes(text)) : "no text";
-  }
-  if (std::holds_alternative<float>(value.held())) return real(value.as<float>());
-  if (std::holds_alternative<double>(value.held())) return real(value.as<double>());
-  return host::print(value);
-}
-
-// A struct of the wrapper classes that have one.
-size_t structSize(const std::string& className) {
-  return className == "NSRectKVZ"                                                             ? 16
-         : className == "NSSizeKVZ" || className == "NSPointKVZ" || className == "NSRangeKVZ" ? 8
-                                                                                              : 0;
-}
-
-std::string hostLine(const host::Object& object) {
-  if (!object) return "nil";
-  std::string type = host::className(object);
-  if (type == "Variant") {
-    host::VariantView view = host::inspect(object);
-    return view.maker + " " + hostScalar(view.value);
-  }
-  if (type == "Array")
-    return joined("[", "]", host::elements(object),
-                  [](const host::Value& element) { return hostLine(element.as<host::Object>()); });
-  if (type == "Dictionary") {
-    std::vector<std::string> entries;
-    for (auto& [key, value] : host::entries(object))
-      entries.push_back(hostLine(key) + "=" + hostLine(value));
-    return sortedEntries(entries);
-  }
-  if (type == "Date") {
-    host::DateFields f = host::dateFields(object);
-    char text[90];
-    snprintf(text, sizeof text, "Date %d-%d-%d %d:%d:%d", f.year, f.month, f.day, f.hour, f.minute,
-             f.second);
-    return text;
-  }
-  if (type == "MemoryBlock") return "bytes " + hex(host::memoryBlockBytes(object));
-  if (size_t size = structSize(type))
-    return type + " " + hex({static_cast<const char*>(host::data(object)), size});
-  return type;
-}
-
 std::string cocoaLine(id object) {
   if (!object || object == [NSNull null]) return "nil";
   if ([object isKindOfClass:[NSNumber class]]) {
@@ -206,12 +119,8 @@ std::string cocoaLine(id object) {
     if (code == "f" || code == "d") return code + " " + real([object doubleValue]);
     return code + " " + std::to_string([object longLongValue]);
   }
-  if ([object isKindOfClass:[NSString class]]) {
-    std::u16string units([object length], u'\0');
-    [object getCharacters:reinterpret_cast<unichar*>(units.data())
-                    range:NSMakeRange(0, units.size())];
-    return "text " + hex(utf8(units).value_or("?"));
-  }
+  if ([object isKindOfClass:[NSString class]])
+    return "text " + hex(utf8(fuzz::unitsOf(object)).value_or("?"));
   if ([object isKindOfClass:[NSDate class]])
     return "date " + real([object timeIntervalSinceReferenceDate]);
   if ([object isKindOfClass:[NSData class]])
@@ -230,11 +139,16 @@ std::string cocoaLine(id object) {
     return sortedEntries(entries);
   }
   if ([object isKindOfClass:[NSValue class]]) {
-    char content[64] = {};
-    NSUInteger size = 0, alignment;
-    NSGetSizeAndAlignment([object objCType], &size, &alignment);
-    if (size <= sizeof content) [object getValue:content];
-    return std::string([object objCType]) + " " + hex({content, size});
+    // GNUstep's getValue: does not always get all of it.
+    std::string type = [object objCType];
+    auto line = [&](const char* className, auto content) {
+      return type + fuzz::structLine(*fuzz::structClass(className), &content);
+    };
+    if (type == @encode(NSRect)) return line("NSRectKVZ", [object rectValue]);
+    if (type == @encode(NSSize)) return line("NSSizeKVZ", [object sizeValue]);
+    if (type == @encode(NSPoint)) return line("NSPointKVZ", [object pointValue]);
+    if (type == @encode(NSRange)) return line("NSRangeKVZ", [object rangeValue]);
+    return type;
   }
   return object_getClassName(object);
 }
@@ -341,6 +255,7 @@ Made number(fuzz::Input& input) {
     CodedNumber* odd = [[CodedNumber new] autorelease];
     std::string_view code = input.bytes(7);
     memcpy(odd->code, code.data(), code.size());
+    tree->mayRaise = true; // what it cannot be asked for
     return {odd, {}, {}};
   }
   }
@@ -352,12 +267,10 @@ Made text(fuzz::Input& input) {
     for (char byte : input.bytes(length / 2)) units += static_cast<unsigned char>(byte);
   else
     for (unsigned i = 0; i < length / 2; ++i) units += input.number<char16_t>();
-  Line bytes = utf8(units);
-  if (bytes) bytes = bytes->substr(0, bytes->find('\0'));
-  bool arrives = bytes && !bytes->empty();
-  return {[AnyString stringWithUnits:units],
-          arrives ? "StringToVariant text " + hex(*bytes) : "StringToVariant no text",
-          arrives ? "text " + hex(*bytes) : "nil"};
+  std::string bytes = utf8(units).value_or("");
+  bytes = bytes.substr(0, bytes.find('\0'));
+  return {[AnyString stringWithUnits:units], fuzz::textInHost(units),
+          bytes.empty() ? "nil" : "text " + hex(bytes)};
 }
 
 Made date(fuzz::Input& input) {
@@ -365,45 +278,35 @@ Made date(fuzz::Input& input) {
   [odd autorelease];
   if (input.byte() & 1) {
     odd->seconds = input.number<double>();
+    // What an initialiser makes that throws is by Cocoa's rules nobody's.
+    if (std::isnan(odd->seconds)) fuzz::expectCocoaLosses();
     tree->mayRaise = true;
     return {odd, {}, {}};
   }
   constexpr int from1970 = 978307200;
-  auto seconds = static_cast<time_t>(input.number<int32_t>());
+  auto seconds = input.number<int32_t>();
   odd->seconds = double(seconds) - from1970;
-  tm fields;
-  gmtime_r(&seconds, &fields);
-  char line[90];
-  snprintf(line, sizeof line, "Date %d-%d-%d %d:%d:%d", fields.tm_year + 1900, fields.tm_mon + 1,
-           fields.tm_mday, fields.tm_hour, fields.tm_min, fields.tm_sec);
-  return {odd, line, "date " + real(odd->seconds)};
+  return {odd, fuzz::dateInHost(seconds), "date " + real(odd->seconds)};
 }
 
-template <typename Struct>
-Made structValue(fuzz::Input& input, const char* type, const char* name) {
-  auto content = input.number<Struct>();
-  std::string bytes = hex({reinterpret_cast<const char*>(&content), sizeof content});
-  return {[NSValue valueWithBytes:&content objCType:type], std::string(name) + " " + bytes,
-          std::string(type) + " " + bytes};
+Made structValue(fuzz::Input& input, const char* className) {
+  const fuzz::StructClass& type = *fuzz::structClass(className);
+  auto content = input.number<NSRect>();
+  std::string line = fuzz::structLine(type, &content);
+  return {[NSValue valueWithBytes:&content objCType:type.cocoaType], className + line,
+          type.cocoaType + line};
 }
-
-struct Floats2 {
-  float values[2];
-};
-struct Floats4 {
-  float values[4];
-};
 
 Made value(fuzz::Input& input) {
   switch (input.below(6)) {
   case 0:
-    return structValue<Floats4>(input, @encode(NSRect), "NSRectKVZ");
+    return structValue(input, "NSRectKVZ");
   case 1:
-    return structValue<Floats2>(input, @encode(NSSize), "NSSizeKVZ");
+    return structValue(input, "NSSizeKVZ");
   case 2:
-    return structValue<Floats2>(input, @encode(NSPoint), "NSPointKVZ");
+    return structValue(input, "NSPointKVZ");
   case 3:
-    return structValue<NSRange>(input, @encode(NSRange), "NSRangeKVZ");
+    return structValue(input, "NSRangeKVZ");
   case 4:
     return {[NSValue valueWithPointer:"pointer"], "nil", "nil"};
   default: {
@@ -465,18 +368,27 @@ Made list(fuzz::Input& input, unsigned depth) {
   return {array, there, cocoaList(back)};
 }
 
+// What may be compared and copied without an end or a throw.
+bool simple(id object) {
+  if ([object isKindOfClass:[CodedNumber class]]) return false;
+  for (Class type : {[NSString class], [NSValue class], [NSDate class], [NSData class]})
+    if ([object isKindOfClass:type]) return true;
+  return object == [NSNull null];
+}
+
 Made entries(fuzz::Input& input, unsigned depth) {
   NSMutableDictionary* dictionary = [NSMutableDictionary dictionary];
   std::vector<std::string> there;
   std::vector<std::pair<Line, Line>> back;
   bool certain = true;
   unsigned count = input.below(8);
-  bool anyKeys = count == 7;
+  bool anyKeys = count == 7, tooDeep = tree->tooDeep;
   for (unsigned i = 0; i < count; ++i) {
     std::string name = "k" + std::to_string(i);
     Made key{[NSString stringWithUTF8String:name.c_str()], "StringToVariant text " + hex(name),
              "text " + hex(name)};
-    if (anyKeys) key = make(input, depth + 1);
+    if (anyKeys)
+      if (Made any = make(input, depth + 1); simple(any.object)) key = any;
     // Some keys are the same in the host.
     if (anyKeys) key.there = key.back = {};
     Made made = make(input, depth + 1);
@@ -485,16 +397,21 @@ Made entries(fuzz::Input& input, unsigned depth) {
     if (certain) there.push_back(*key.there + "=" + *made.there);
     back.push_back({key.back, made.back});
   }
+  if (anyKeys && tree->tooDeep && !tooDeep) {
+    // It may have been replaced, or was a key that could not be used.
+    tree->tooDeep = false;
+    tree->mayBeTooDeep = true;
+  }
   return {dictionary, certain ? Line(sortedEntries(there)) : Line(), cocoaEntries(back)};
 }
 
 Made deep(fuzz::Input& input, unsigned depth) {
   Made core = make(input, depth + 1);
   unsigned levels = input.byte() * 8u;
-  // The levels that stand above are few.
+  // The levels that stand above are few, but for those of other deep ones.
   if (levels > carriedDepth)
     tree->tooDeep = true;
-  else if (levels + 100 > carriedDepth)
+  else if ((tree->levels += levels) + 100 > carriedDepth)
     tree->mayBeTooDeep = true;
   std::string open(levels, '['), close;
   for (unsigned i = 0; i < levels; ++i) {
@@ -564,9 +481,14 @@ Made madeOf(fuzz::Input& input, unsigned depth) {
   case 10:
     return list(input, depth);
   case 11: {
-    // In whatever order it answers them.
-    id array = list(input, depth).object;
-    return {[NSSet setWithArray : array], {}, {}};
+    // In whatever order it answers them. Alone in it anything will do: nothing is compared.
+    NSMutableSet* set = [NSMutableSet set];
+    for (unsigned n = input.below(6); n > 0; --n) {
+      id element = make(input, depth + 1).object;
+      if (simple(element) || (n == 1 && ![set count])) [set addObject:element];
+    }
+    if (tree->tooDeep) tree->tooDeep = false, tree->mayBeTooDeep = true;
+    return {set, {}, {}};
   }
   case 12:
     return entries(input, depth);
@@ -758,14 +680,10 @@ HostMade wrapperInstance(fuzz::Input& input) {
       "CGImageKVZ",  "SUAppcastKVZ", "SUUpdaterKVZ",  "RuntimeException", "NSExceptionKVZ"};
   const char* name = names[input.below(std::size(names))];
   host::Object instance = host::create(name);
-  if (size_t size = structSize(name)) {
-    auto content = input.number<Floats4>();
-    memcpy(host::data(instance), &content, size);
-    std::string type = size == 16                    ? @encode(NSRect)
-                       : !strcmp(name, "NSSizeKVZ")  ? @encode(NSSize)
-                       : !strcmp(name, "NSPointKVZ") ? @encode(NSPoint)
-                                                     : @encode(NSRange);
-    return {instance, type + " " + hex({reinterpret_cast<const char*>(&content), size})};
+  if (const fuzz::StructClass* type = fuzz::structClass(name)) {
+    auto content = input.number<NSRect>();
+    memcpy(host::data(instance), &content, type->size);
+    return {instance, type->cocoaType + fuzz::structLine(*type, &content)};
   }
   tree->mayRaise = true; // those that hold nothing give nil
   return {instance, {}};
@@ -787,10 +705,14 @@ HostMade makeInHost(fuzz::Input& input, unsigned depth) {
   case 5:
     return hostScalarValue(input);
   case 6: {
-    host::DateFields fields{input.number<int16_t>(), input.number<int8_t>(),
-                            input.number<int8_t>(),  input.number<int8_t>(),
-                            input.number<int8_t>(),  input.number<int8_t>()};
-    if (input.byte() == 1) fields.year = fields.month = fields.day = input.number<int32_t>();
+    // Below zero, and far beyond a year, GNUstep counts for seconds.
+    host::DateFields fields{input.number<int16_t>(),
+                            input.byte(),
+                            input.byte(),
+                            input.byte(),
+                            input.byte(),
+                            input.byte()};
+    if (input.byte() == 1) fields.day = input.number<uint16_t>();
     tree->mayRaise = true;
     return {host::date(fields), {}};
   }
@@ -805,7 +727,8 @@ HostMade makeInHost(fuzz::Input& input, unsigned depth) {
     tree->mayRaise = true;
     host::Value content = hostScalarValue(input).value;
     if (input.byte() & 1) content = hostText(input).value;
-    return {host::variantOfCode(input.number<int16_t>() & 0x101F, content), {}};
+    // No arrays: what an array is, hosts know.
+    return {host::variantOfCode(input.number<int16_t>() & 0x1F, content), {}};
   }
   case 9: {
     tree->mayRaise = true;
@@ -825,7 +748,7 @@ HostMade makeInHost(fuzz::Input& input, unsigned depth) {
     unsigned levels = input.byte() * 8u;
     if (levels > carriedDepth)
       tree->tooDeep = true;
-    else if (levels + 100 > carriedDepth)
+    else if ((tree->levels += levels) + 100 > carriedDepth)
       tree->mayBeTooDeep = true;
     std::string open(levels, '['), close;
     for (unsigned i = 0; i < levels; ++i) {
@@ -859,15 +782,16 @@ NSArray* feed(const std::vector<host::Value>& elements, bool& raised) {
       feedParametersForUpdater:nil
           sendingSystemProfile:NO];
   answered = nullptr;
-  raised = fuzz::logLines() > lines;
-  fuzz::require(host::referenceCount(array) == (raised ? 2 : 1), "the array's references changed");
+  int references = host::referenceCount(array);
+  raised = references == 2;
+  fuzz::require(references == 1 || (raised && fuzz::logLines() > lines),
+                "the array's references changed");
   if (raised) host::Object::adopt(array.handle()).reset();
   array.reset();
   int lost = 0;
   for (size_t i = 0; i < elements.size(); ++i) {
     auto element = elements[i].as<host::Object>();
-    // One for this variable.
-    while (element && host::referenceCount(element) > held[i] + 1 && raised && lost++ == 0)
+    while (element && host::referenceCount(element) > held[i] && raised && lost++ == 0)
       host::Object::adopt(element.handle()).reset();
   }
   return answer;

@@ -14,7 +14,6 @@ namespace {
 
 constexpr unsigned long settling = 1000; // cycles after which memory is first looked at
 constexpr size_t mostGrowth = 1 << 20;
-constexpr double patience = 30; // seconds, for what takes a millisecond
 
 // The host keeps so many dead handles of a size to know them by; until then, memory grows.
 void fillGraveyard() {

@@ -38,6 +38,8 @@ bool endProgram();
 
 size_t residentBytes();
 
+constexpr double patience = 30; // seconds, for what takes a millisecond
+
 int runCycles(const Options& options);
 int runStress(const Options& options);
 

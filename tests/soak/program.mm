@@ -130,6 +130,8 @@ void startProgram(const Options& options, bool careful) {
 
 bool endProgram() {
   theComparison.reset();
+  // The last threads hold their updaters until they have ended.
+  host::runUntil([] { return alive() == 0; }, patience);
   bool clean = true;
   auto check = [&](bool good, const std::string& problem) {
     if (!good) printf("FAILED  %s\n", problem.c_str());

@@ -87,7 +87,6 @@ int runStress(const Options& options) {
     fflush(stdout);
   }
   stop = true;
-  constexpr double patience = 30;
   if (!host::runUntil([&] { return running == 0; }, patience)) {
     printf("FAILED  %u threads still wait for the main one\n", running.load());
     fflush(stdout);

@@ -237,7 +237,8 @@ void askAll(void (*call)(const char*, const std::function<void()>&, unsigned)) {
             text = shown(static_cast<id>([delegate feedParametersForUpdater:nil
                                                        sendingSystemProfile:profile]));
           },
-          0);
+          // Without its bound an array counts as one element, which is nil.
+          faulty() ? 1 : 0);
       expect("parameters", text, profile ? "[]" : "nil");
     }
     yes = NO;
@@ -432,8 +433,7 @@ void comparison() {
     auto compare = [&](const char* label, id a, id b, int expected) {
       order = -1;
       callback(label, [&] { order = [framework compareVersion:a toVersion:b]; });
-      if (order != expected && !(faulty() && (order == 0 || order == -1 || order == -2)))
-        fail(std::string(label) + ": answered " + std::to_string(order));
+      expect(label, std::to_string(order), std::to_string(expected), {"-1", "-2"});
     };
     compare("newer", @"2", @"1", 7);
     compare("older", @"1", @"2", -7);

@@ -6,6 +6,7 @@
 
 #include "testbed/server/release.h"
 #include "testbed/sparkle/SUStep.h"
+#include "testbed/sparkle/SUUpdater.h"
 
 #include <atomic>
 
@@ -30,7 +31,9 @@ void registration() {
       continue;
     }
     host::Object instance = make(name);
-    if (instance) expect(name, host::getValue(instance, "Handle"), "0");
+    // A host up to 2011 is given copies of the tables, which may find no memory.
+    bool hasHandle = host::registered(name)->table(host::Registered::properties).count;
+    if (instance && (hasHandle || !faulty())) expect(name, host::getValue(instance, "Handle"), "0");
     destroy(instance);
   }
 }
@@ -102,7 +105,7 @@ void check() {
                   {"didFindValidUpdate(update as SUAppcastItemKVZ)",
                    [&](host::Event& event) { found = host::className(event[0]); }},
                   {"updaterDidNotFindUpdate", [](host::Event&) {}}});
-  if (!load(host::folderItem(folderOf("Sparkle"))).as<bool>()) {
+  if (shown(load(host::folderItem(folderOf("Sparkle")))) != "true") {
     if (!faulty()) fail("the framework is not loaded");
     return;
   }
@@ -112,14 +115,20 @@ void check() {
   host::Object updater = make("OwnSUUpdaterKVZ");
   member(updater, "Constructor(Bundle as folderitem)", {host::folderItem(bundle)});
   assign(updater, "feedURL as string", "file://" + (folder / "appcast.xml").string());
+  SUUpdater* framework =
+      updater ? reinterpret_cast<SUUpdater*>(host::get<uint32_t>(updater, "Handle")) : nil;
   bool started = false;
-  mixedStep("check", [&] {
-    if (updater) host::call(updater, "checkForUpdateInformation");
-    started = updater && host::get<bool>(updater, "updateInProgress as boolean");
-    constexpr double patience = 20;
-    if (started && !host::runUntil([&] { return observer->ended.load(); }, patience))
-      fail("the check did not end");
-  });
+  // Where the feed did not arrive, the framework raises.
+  mixedStep(
+      "check",
+      [&] {
+        if (updater) host::call(updater, "checkForUpdateInformation");
+        started = [framework updateInProgress];
+        constexpr double patience = 20;
+        if (started && !host::runUntil([&] { return observer->ended.load(); }, patience))
+          fail("the check did not end");
+      },
+      faulty() ? Raises{"NSExceptionKVZ", nullptr} : Raises{});
   if (!started && !faulty()) fail("the check did not start");
   expect("found", found, "SUAppcastItemKVZ");
   [center removeObserver:observer];

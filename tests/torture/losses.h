@@ -25,16 +25,19 @@ enum Excuse : unsigned {
   isSwallowed = 8,    // an NSException is neither raised nor logged
   comesOut = 16,      // an NSException comes out of a step
   goesOtherwise = 32, // an answer is neither the usual one nor nothing
+  isRaised = 64,      // an NSException in a callback is raised in the host
 };
 
-// Texts are patterns of fnmatch(3).
+// Texts are patterns of fnmatch(3), with @(one|other).
 struct Loss {
   const char* scenario;
   unsigned modes;   // of Mode
   const char* hit;  // what failed: an operation, a function, or a message such as "-NSURL retain"
   const char* step; // in which step it failed; "*" also when it never did
   unsigned excuses; // of Excuse
-  const char* classes; // separated by spaces; those that losesInHost and losesInCocoa are about
+  // Those that losesInHost and losesInCocoa are about, separated by spaces; % is the class of the
+  // object that the failing message was for.
+  const char* classes;
   const char* reason;
 };
 

@@ -64,7 +64,7 @@ void bareCallback(const char* label, const std::function<void()>& body);
 void workerCallback(const char* label, const std::function<void()>& body, unsigned lines = 0);
 
 // The host program and the framework call the plug-in, one after the other or at once.
-void mixedStep(const char* label, const std::function<void()>& body);
+void mixedStep(const char* label, const std::function<void()>& body, Raises raises = {});
 
 // Whether the last step logged an exception or was left by one.
 bool wasCutShort();
@@ -102,6 +102,10 @@ struct Verdict {
   std::vector<std::string> failures;
   std::vector<unsigned> excused; // rows of losses.cpp that were needed
 };
+
+// GNUstep makes some things once and keeps them. Here, so that no run is charged for them. Before
+// any run, in the process that the runs are forks of.
+void warmUp(const Scenario& scenario);
 
 // Arms the fault, runs, checks. With NOTES, what the fault could fall on, and which members and
 // events took part, is written there, a line each (see torture.mm).

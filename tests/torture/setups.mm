@@ -11,7 +11,7 @@ namespace torture {
 std::string pluginPath = ELF_PLUGIN_PATH;
 
 void loadPlugin() {
-  if (pluginPath == ELF_PLUGIN_PATH) return host::loadPlugin(pluginPath);
+  if (pluginPath.ends_with(".so")) return host::loadPlugin(pluginPath);
   // Mapped for the life of the process, as the host does it.
   static auto bundle = loader::loadFile(pluginPath);
   host::startPlugin(reinterpret_cast<void*>(bundle->entry<void()>()), bundle->name);

@@ -35,7 +35,8 @@ NSArray* feedParameters(const char* label, id<Delegate> delegate, host::Object& 
   NSArray* result = nil;
   callback(
       label, [&] { result = [delegate feedParametersForUpdater:nil sendingSystemProfile:YES]; },
-      lines);
+      // With a fault any element may become nil, for which Cocoa raises.
+      faulty() ? 1 : lines);
   answer = nullptr;
   --arrayHeld;
   if (!wasCutShort() || !array) return result;

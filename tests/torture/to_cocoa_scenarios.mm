@@ -198,9 +198,11 @@ std::vector<Row> strings() {
   };
 }
 
-void readStrings(std::initializer_list<const char*> absent) {
+void readStrings(std::initializer_list<const char*> absent, const char* otherwise = "nil") {
   for (const char* name : absent) host::makeAbsent(name);
-  expectAll(strings());
+  std::vector<Row> rows = strings();
+  for (Row& row : rows) row.otherwise.push_back(otherwise);
+  expectAll(rows);
 }
 
 void convertedStrings() { readStrings({}); }
@@ -208,7 +210,8 @@ void storedStrings() { readStrings({"REALGetStringCFString"}); }
 // Without the operation that hands out bytes: those of a string and their number.
 void countedStrings() {
   host::makePresent("StringGetCString");
-  readStrings({"REALGetStringCFString", "PluginGetStringData", "PluginDisposeStringData"});
+  // A text without its length counts as empty.
+  readStrings({"REALGetStringCFString", "PluginGetStringData", "PluginDisposeStringData"}, "");
 }
 void undisposedStrings() { readStrings({"REALGetStringCFString", "PluginDisposeStringData"}); }
 

@@ -182,7 +182,7 @@ void brittleCollections() {
   expectHost("brittle", [[BrittleArray new] autorelease], "nil", {}, anException);
   expectHost("brittle inside",
              [NSDictionary dictionaryWithObject:[[BrittleArray new] autorelease] forKey:@"k"],
-             "nil", {}, anException);
+             "nil", {"{\"k\": nil}"}, anException);
 }
 
 void registered() {

@@ -1,0 +1,57 @@
+"""Every test that the README's table of promises names is a test that runs."""
+
+import pathlib
+import re
+import subprocess
+import sys
+import unittest
+
+import markdown
+
+BUILD = pathlib.Path(sys.argv.pop())
+
+
+def promised(text):
+    """[(line, [name])] of the table's rows."""
+    rows = []
+    for number, line in markdown.split(text)[0]:
+        cells = line.strip().strip("|").split(" | ")
+        if line.startswith("| ") and len(cells) == 2 and "`" in cells[1]:
+            rows.append((number, re.findall(r"`([^`]+)`", cells[1])))
+    return rows
+
+
+def registered():
+    listing = subprocess.run(["ctest", "--test-dir", BUILD, "-N"], capture_output=True, text=True, check=True)
+    return re.findall(r"^ *Test +#\d+: (\S+)", listing.stdout, re.MULTILINE)
+
+
+def runs(name, tests):
+    """elf.Hosts/Cycle.Finds/2013_0 is Cycle.Finds, and "macho." is the beginning of many."""
+    if name.startswith("make "):
+        return name[5:] in (markdown.ROOT / "Makefile").read_text()
+    if name.endswith("."):
+        return any(test.startswith(name) for test in tests)
+    pattern = re.compile(r"(?:^|[./])" + re.escape(name) + r"(?:/|$)")
+    return any(pattern.search(test) for test in tests)
+
+
+class Promises(unittest.TestCase):
+    def test_name_tests_that_run(self):
+        rows = promised(markdown.read("README.md"))
+        self.assertGreater(len(rows), 8)
+        tests = registered()
+        missing = [f"README.md:{number}: no test is called {name}"
+                   for number, names in rows for name in names if not runs(name, tests)]
+        self.assertEqual(missing, [], "\n" + "\n".join(missing))
+
+    def test_names_are_taken_whole(self):
+        tests = ["elf.Hosts/Cycle.Finds/2013_0", "soak.cycles"]
+        for name in ["Cycle.Finds", "soak.cycles", "elf."]:
+            self.assertTrue(runs(name, tests), name)
+        for name in ["Cycle.Find", "ycle.Finds", "soak", "macho."]:
+            self.assertFalse(runs(name, tests), name)
+
+
+if __name__ == "__main__":
+    unittest.main()
