@@ -46,16 +46,11 @@ bool readDateFields(_REALdate* date, DateFields* fields) {
   return true;
 }
 
-id makeNSDate(const DateFields& fields) {
+id NewNSDate(const DateFields& fields) {
   const auto& [year, month, day, hour, minute, second] = fields.values;
   id zone = send<id>("NSTimeZone"_class, "localTimeZone"_sel);
   return send<id>("NSCalendarDate"_class, "dateWithYear:month:day:hour:minute:second:timeZone:"_sel,
                   year, month, day, hour, minute, second, zone);
-}
-
-id NewNSDate(_REALdate* date) {
-  DateFields fields;
-  return readDateFields(date, &fields) ? makeNSDate(fields) : nullptr;
 }
 
 REALobjectStruct* NSDateRB(id date) {

@@ -12,12 +12,9 @@ struct DateFields {
 // throw.
 bool readDateFields(_REALdate* date, DateFields* fields);
 
-// An autoreleased NSCalendarDate of the fields, taken as local wall-clock time.
-id makeNSDate(const DateFields& fields);
-
-// An autoreleased NSCalendarDate of the host date's fields, taken as local wall-clock time. Nil
-// when any field cannot be read. Any thread that may call the host.
-id NewNSDate(_REALdate* date);
+// An autoreleased NSCalendarDate of the fields, taken as local wall-clock time. Apart from the
+// reading, so that the host's date can be given back before Cocoa may throw.
+id NewNSDate(const DateFields& fields);
 
 // A new host Date, owned by the caller, with the date's fields in the process's default time
 // zone; fractions of a second are dropped. Null when the host makes none.

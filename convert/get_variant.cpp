@@ -65,7 +65,7 @@ id fromOwnedDate(REALobjectStruct* date) {
   DateFields fields;
   bool complete = readDateFields(reinterpret_cast<_REALdate*>(date), &fields);
   unlock(date);
-  return complete ? makeNSDate(fields) : nullptr;
+  return complete ? NewNSDate(fields) : nullptr;
 }
 
 id fromString(REALobjectStruct* variant) {
@@ -369,10 +369,6 @@ std::int32_t typeCode(REALobjectStruct* variant) {
 }
 
 } // namespace
-
-id GetVariantAsNSObject(REALobjectStruct* variant) {
-  return outermost([&](Nesting nesting) { return GetVariantAsNSObject(variant, nesting); });
-}
 
 id GetVariantAsNSObject(REALobjectStruct* variant, Nesting nesting) {
   if (!variant) return nullptr;

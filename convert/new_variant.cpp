@@ -309,10 +309,6 @@ bool convertCFObject(id object, REALobjectStruct** result) {
 
 } // namespace
 
-REALobjectStruct* NewVariantFromNSObject(id object) {
-  return outermost([&](Nesting nesting) { return NewVariantFromNSObject(object, nesting); });
-}
-
 REALobjectStruct* NewVariantFromNSObject(id object, Nesting nesting) {
   if (!object || object == send<id>("NSNull"_class, "null"_sel)) return nullptr;
   if (REALobjectStruct* instance = registeredInstance(object)) {

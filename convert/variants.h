@@ -12,10 +12,8 @@
 
 // A new Variant (any host object), owned by the caller; null for nil, NSNull and what no rule can
 // carry. The object is borrowed.
-REALobjectStruct* NewVariantFromNSObject(id object);
 REALobjectStruct* NewVariantFromNSObject(id object, Nesting nesting);
 
 // A Cocoa object that the caller does not own (autoreleased, or held by the variant); nil for null
 // and for what no rule can carry. The variant is borrowed.
-id GetVariantAsNSObject(REALobjectStruct* variant);
 id GetVariantAsNSObject(REALobjectStruct* variant, Nesting nesting);

@@ -566,6 +566,29 @@ TEST_P(ToHostRecords, TheWalkEndsAtTheFirstClassThatTheHostHas) {
   [view release];
 }
 
+TEST_P(ToHostRules, WithoutALookUpOfClassesTheWalkIsRepeated) {
+  start();
+  host::hideClass("NSObjectKVZ");
+  host::makeAbsent("pluginObjectType");
+  id object = [[cocoaClass("NSStranger") new] autorelease];
+  for (int i = 0; i < 2; ++i) {
+    host::startLog();
+    EXPECT_FALSE(toHost(object));
+    EXPECT_THAT(firstArguments(host::stopLog(), "PluginNewInstance"),
+                testing::Contains("\"NSStrangerKVZ\""));
+  }
+}
+
+TEST_P(ToHostRules, AClassThatFindsNoWrapperIsNotWalkedAgain) {
+  start();
+  host::hideClass("NSObjectKVZ");
+  id object = [[cocoaClass("NSStranger") new] autorelease];
+  EXPECT_FALSE(toHost(object));
+  host::startLog();
+  EXPECT_FALSE(toHost(object));
+  EXPECT_THAT(firstArguments(host::stopLog(), "PluginNewInstance"), ElementsAre("\"Dictionary\""));
+}
+
 TEST_P(ToHostRules, AClassNameOver199CharactersIsPassedOver) {
   start();
   cocoaClass("NSResponder");

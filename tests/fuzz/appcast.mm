@@ -73,7 +73,6 @@ namespace {
 Watcher* watcher;
 
 // ---- Comparisons
-// ---------------------------------------------------------------------------------
 
 id handleOf(const host::Object& instance) {
   return instance ? reinterpret_cast<id>(host::get<int32_t>(instance, "Handle")) : nil;
@@ -160,7 +159,6 @@ void checkAppcast(const host::Object& instance) {
 }
 
 // ---- The program
-// ---------------------------------------------------------------------------------
 
 struct Run {
   unsigned choice = 0; // item, then order

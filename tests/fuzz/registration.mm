@@ -4,8 +4,8 @@
 // classes that it does not take; what there is of the companion and of the framework; calls.
 //
 // Each execution starts another host, puts the plug-in's globals back to what they were when the
-// library was mapped, and calls its entry once, as a host does. A host keeps its classes for ever:
-// a process lasts for some ten thousand executions (tools/fuzz begins a new one in time).
+// library was mapped, and calls its entry once, as a host does. A host keeps its classes for ever,
+// so that a process may not last (tools/fuzz begins a new one after 5,000 inputs).
 #include "fakes.h"
 
 #include <algorithm>
@@ -20,7 +20,6 @@ extern "C" void* CFDictionaryCreateMutable(const void*, long, const void*, const
 extern "C" long CFDictionaryGetCount(const void*);
 
 // ---- A companion of any age: each method there or not
-// --------------------------------------------
 
 namespace {
 
@@ -60,7 +59,6 @@ void requirePart(CompanionPart part, Class self, SEL selector) {
 @end
 
 // ---- Frameworks that lack something
-// --------------------------------------------------------------
 
 @interface BareObject : NSObject
 @end
@@ -185,7 +183,6 @@ const Class& itemClass(unsigned which) {
 }
 
 // ---- Records
-// -------------------------------------------------------------------------------------
 
 constexpr unsigned recordWords = 25; // all that version 9 has; what comes behind is 0
 
@@ -258,7 +255,6 @@ void freeCopies() {
 }
 
 // ---- The host that the plug-in meets
-// -------------------------------------------------------------
 
 constexpr const char* startup[] = {"RegisterPluginVersion", "REALGetRBVersion",
                                    "PluginRegisterClass"};
@@ -343,7 +339,7 @@ bool mayBeAbsent(const std::string& name) {
   return std::find(std::begin(needed), std::end(needed), name) == std::end(needed);
 }
 
-// Those of the host's names that a plug-in asks the resolver for, those that it looks up otherwise.
+// Of all names: those that the resolver is asked for, and those of methods.
 const std::vector<std::string>& names() {
   static const auto* all = [] {
     auto* list = new std::vector<std::string>;
@@ -421,7 +417,6 @@ void enter(fuzz::Input& input, Host& host, void* entry) {
 }
 
 // ---- Use
-// -----------------------------------------------------------------------------------------
 
 // Answers whether something was thrown in BODY: out of it, into the host, or into the log.
 bool guarded(const std::function<void()>& body) {
@@ -429,7 +424,8 @@ bool guarded(const std::function<void()>& body) {
   bool failed = bool(host::catching(body));
   for (const host::Raised& raised : host::takeExceptions()) {
     constexpr const char* kinds[] = {"NSExceptionKVZ", "UnsupportedOperationException",
-                                     "NilObjectException", "RuntimeException"};
+                                     "NilObjectException", "OutOfMemoryException",
+                                     "RuntimeException"};
     require(std::find(std::begin(kinds), std::end(kinds), raised.className) != std::end(kinds),
             "a " + raised.className + " was raised");
     require(raised.className != "RuntimeException" || !theHost->refusals.empty(),

@@ -95,6 +95,8 @@ constexpr unsigned deepest = 5;
 constexpr unsigned mostValues = 300;
 // Collections nested deeper than this make the whole conversion answer nothing.
 constexpr unsigned carriedDepth = 1024;
+// Beyond that many in one tree, letting go of it takes more stack than there is.
+constexpr unsigned mostLevels = 3000;
 
 // What the tree at hand does besides.
 struct Tree {
@@ -407,11 +409,12 @@ Made entries(fuzz::Input& input, unsigned depth) {
 
 Made deep(fuzz::Input& input, unsigned depth) {
   Made core = make(input, depth + 1);
-  unsigned levels = input.byte() * 8u;
+  unsigned levels = tree->levels < mostLevels ? input.byte() * 8u : 0;
+  tree->levels += levels;
   // The levels that stand above are few, but for those of other deep ones.
   if (levels > carriedDepth)
     tree->tooDeep = true;
-  else if ((tree->levels += levels) + 100 > carriedDepth)
+  else if (tree->levels + 100 > carriedDepth)
     tree->mayBeTooDeep = true;
   std::string open(levels, '['), close;
   for (unsigned i = 0; i < levels; ++i) {
@@ -745,10 +748,11 @@ HostMade makeInHost(fuzz::Input& input, unsigned depth) {
   }
   case 12: {
     HostMade core = makeInHost(input, depth + 1);
-    unsigned levels = input.byte() * 8u;
+    unsigned levels = tree->levels < mostLevels ? input.byte() * 8u : 0;
+    tree->levels += levels;
     if (levels > carriedDepth)
       tree->tooDeep = true;
-    else if ((tree->levels += levels) + 100 > carriedDepth)
+    else if (tree->levels + 100 > carriedDepth)
       tree->mayBeTooDeep = true;
     std::string open(levels, '['), close;
     for (unsigned i = 0; i < levels; ++i) {

@@ -2,6 +2,8 @@
 // it expects; how they answer is up to each object.
 #pragma once
 
+#include "tests/support/plugin_objects.h"
+
 #import <Foundation/Foundation.h>
 
 #include "testbed/host/host.h"
@@ -58,25 +60,6 @@ typedef enum {
 @public
   int invoked;
 }
-@end
-
-// The methods of the plug-in's own Cocoa objects.
-@protocol Delegate
-- (id)feedParametersForUpdater:(id)updater sendingSystemProfile:(BOOL)sending;
-- (BOOL)updater:(id)updater shouldPostponeRelaunchForUpdate:(id)item untilInvoking:(id)invocation;
-- (id)bestValidUpdateInAppcast:(id)appcast forUpdater:(id)updater;
-- (void)updater:(id)updater didFinishLoadingAppcast:(id)appcast;
-- (void)updater:(id)updater willInstallUpdate:(id)item;
-- (void)updater:(id)updater didFindValidUpdate:(id)item;
-- (BOOL)updaterShouldPromptForPermissionToCheckForUpdates:(id)updater;
-- (void)updaterDidNotFindUpdate:(id)updater;
-- (void)updaterWillRelaunchApplication:(id)updater;
-- (id)versionComparatorForUpdater:(id)updater;
-- (id)pathToRelaunchForUpdater:(id)updater;
-@end
-
-@protocol Comparator
-- (int)compareVersion:(id)a toVersion:(id)b;
 @end
 
 namespace played {
