@@ -388,13 +388,22 @@ TEST_P(Comparison, AnAnsweredComparatorServesTheFrameworkUntilItsInstanceGoes) {
 TEST_P(Comparison, EveryFailingMessageOfDestructionIsReported) {
   session::Test::start();
   host::subclass("MyComparison", "SUVersionComparisonKVZ", answering(7));
-  id held = nil;
+  id held = nil; // so that a half-done release is no matter
+  auto letGo = [&] {
+    for (NSUInteger left = [held retainCount]; left > 0; --left) [held release];
+    held = nil;
+  };
   unsigned messages = fakes::failEachMessage(
       [&] {
         instance = host::construct("MyComparison", "Constructor");
-        held = [fakes::wrapped(instance) retain]; // kept, so that a half-done release is no matter
+        held = [fakes::wrapped(instance) retain];
       },
-      [&] { instance.reset(); }, [&] { EXPECT_FALSE(instance); });
+      [&] { instance.reset(); },
+      [&] {
+        EXPECT_FALSE(instance);
+        letGo();
+      });
+  letGo();
   EXPECT_GE(messages, 2u) << "clearTarget, release";
 }
 

@@ -2,6 +2,7 @@
 // NSExceptionKVZ, and, out of what the framework calls, a line in the system log and nothing else.
 
 #include "session.h"
+#include "unreported.h"
 
 #include "testbed/cocoa/faults.h"
 #include "testbed/companion/companion.h"
@@ -403,6 +404,9 @@ protected:
       for (unsigned long nth = 1;; ++nth) {
         SCOPED_TRACE(testing::Message() << "message " << nth);
         host::Pool pool;
+        // What an ended destructor has not got to is lost: nothing calls it again.
+        std::optional<session::Unreported> lost;
+        if (GetParam().kind == Member::destroy) lost.emplace();
         Use use(GetParam());
         host::Thrown thrown;
         faults_start(FAULTS_THIS_THREAD);

@@ -2,6 +2,7 @@
 // word by word. The tables below are what host programs bind to.
 
 #include "plugin_entry.h"
+#include "unreported.h"
 
 #include "testbed/cocoa/faults.h"
 
@@ -245,19 +246,14 @@ void* resolveFromNotes(const char* name) {
   return nullptr;
 }
 
-// Present under the leak sanitizer.
-extern "C" __attribute__((weak)) void __lsan_disable();
-extern "C" __attribute__((weak)) void __lsan_enable();
-
 // What a host of this version is given. Entering the plug-in a second time shows its records anew,
 // and leaves behind those of the time before, which for a real host last as long as the process.
 std::vector<Taken> enterAsHostOf(double version) {
   notes.version = version;
   notes.steps.clear();
   notes.taken.clear();
-  if (__lsan_disable) __lsan_disable();
+  session::Unreported former;
   session::enterPlugin(resolveFromNotes);
-  if (__lsan_enable) __lsan_enable();
   return notes.taken;
 }
 

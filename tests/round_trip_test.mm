@@ -675,6 +675,7 @@ bool contains(const Tree& tree, const std::function<bool(const Tree&)>& is) {
 }
 
 TEST(Shrinking, LeavesTheSmallestTreeThatFails) {
+  host::Pool pool;
   auto color = [](const Tree& tree) { return tree.kind == Kind::color; };
   auto inner = [&](const Tree& tree) { return tree.kind == Kind::array && contains(tree, color); };
   Generator generator(1, true);

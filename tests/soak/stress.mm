@@ -74,11 +74,14 @@ int runStress(const Options& options) {
     });
 
   bool ended = true;
+  unsigned silent = 0;
   for (unsigned long second = 1; second <= options.stress; ++second) {
     uint64_t before = sent.reports;
     host::runUntil([] { return false; }, 1);
-    if (sent.reports == before) {
-      printf("FAILED  no callback came back in second %lu\n", second);
+    silent = sent.reports == before ? silent + 1 : 0;
+    if (silent == patience) {
+      printf("FAILED  no callback came back in the %.0f seconds before second %lu\n", patience,
+             second);
       ended = false;
     }
     if (second % 10 == 0)
