@@ -2,6 +2,7 @@
 // prescribes. Whatever is not as prescribed ends the process with a message that names the word.
 #include "operations.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -103,37 +104,29 @@ Order& order() {
 }
 
 // What of this process may be read and run, so that a pointer taken from the wrong word is told
-// from a right one without touching it.
+// from a right one without touching it. Read from the system when an address is not in what is
+// known: a companion registers classes by the hundred, and nothing is unmapped meanwhile. Under the
+// host's lock.
 class Memory {
 public:
-  Memory() {
-    std::ifstream maps("/proc/self/maps");
-    for (std::string line; std::getline(maps, line);) {
-      unsigned long start, end;
-      char permissions[5];
-      if (sscanf(line.c_str(), "%lx-%lx %4s", &start, &end, permissions) == 3)
-        parts_.push_back({start, end, permissions[0] == 'r', permissions[2] == 'x'});
-    }
+  bool readable(uint32_t start, uint32_t bytes) {
+    return bytes <= extent(start, &Part::readable) ||
+           (refresh(), bytes <= extent(start, &Part::readable));
   }
-  bool readable(uint32_t start, uint32_t bytes) const {
-    for (const Part& part : parts_)
-      if (part.readable && start >= part.start && start < part.end) {
-        if (bytes <= part.end - start) return true;
-        bytes -= uint32_t(part.end - start);
-        start = uint32_t(part.end);
-      }
-    return false;
-  }
-  bool runnable(uint32_t address) const {
-    for (const Part& part : parts_)
-      if (part.runnable && address >= part.start && address < part.end) return true;
-    return false;
+  bool runnable(uint32_t address) {
+    return extent(address, &Part::runnable) || (refresh(), extent(address, &Part::runnable));
   }
   // Null when the word is no pointer to a text of at most 400 printable characters.
-  const char* text(uint32_t word) const {
-    for (uint32_t length = 0; length < 400 && readable(word + length, 1); ++length) {
-      auto c = reinterpret_cast<const unsigned char*>(uintptr_t(word))[length];
-      if (c == 0) return length ? reinterpret_cast<const char*>(uintptr_t(word)) : nullptr;
+  const char* text(uint32_t word) {
+    auto* text = reinterpret_cast<const unsigned char*>(uintptr_t(word));
+    unsigned long known = 0;
+    for (uint32_t length = 0; length < 400; ++length) {
+      if (length == known) {
+        if (!readable(word + length, 1)) return nullptr;
+        known = length + extent(word + length, &Part::readable);
+      }
+      unsigned char c = text[length];
+      if (c == 0) return length ? reinterpret_cast<const char*>(text) : nullptr;
       if (c < 0x20 || c == 0x7F) return nullptr;
     }
     return nullptr;
@@ -144,8 +137,33 @@ private:
     unsigned long start, end;
     bool readable, runnable;
   };
-  std::vector<Part> parts_;
+
+  // How many bytes from this one on may be used so.
+  unsigned long extent(unsigned long start, bool Part::*use) const {
+    auto part = std::partition_point(parts_.begin(), parts_.end(),
+                                     [=](const Part& each) { return each.end <= start; });
+    unsigned long end = start;
+    for (; part != parts_.end() && part->start <= end && (*part).*use; ++part) end = part->end;
+    return end - start;
+  }
+  void refresh() {
+    parts_.clear();
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+      unsigned long start, end;
+      char permissions[5];
+      if (sscanf(line.c_str(), "%lx-%lx %4s", &start, &end, permissions) == 3)
+        parts_.push_back({start, end, permissions[0] == 'r', permissions[2] == 'x'});
+    }
+  }
+
+  std::vector<Part> parts_; // by address
 };
+
+Memory& memory() {
+  static auto* memory = new Memory;
+  return *memory;
+}
 
 // One record under examination.
 class Examination {
@@ -155,7 +173,7 @@ public:
     if (version == 0) fail("RegisterPluginVersion was not called before");
     if (!record) fail("the record is null");
     if (word(record) % 4) fail("the record is not aligned to 4 bytes");
-    if (!memory_.readable(word(record), layout_.record * 4)) fail("the record cannot be read");
+    if (!memory().readable(word(record), layout_.record * 4)) fail("the record cannot be read");
     words_.assign(record, record + layout_.record);
     examine();
   }
@@ -184,7 +202,7 @@ private:
   static uint32_t word(const void* pointer) {
     return uint32_t(reinterpret_cast<uintptr_t>(pointer));
   }
-  const char* text(uint32_t word) const { return memory_.text(word); }
+  const char* text(uint32_t word) const { return memory().text(word); }
   void require(bool holds, const std::string& what) {
     if (!holds) fail(what);
   }
@@ -210,7 +228,7 @@ private:
     require(words_[field::forSystemUse] == 0,
             "word 4 is the host's and must be 0" + found(words_[field::forSystemUse]));
     for (int i : {field::constructor, field::destructor})
-      require(!words_[i] || memory_.runnable(words_[i]),
+      require(!words_[i] || memory().runnable(words_[i]),
               "word " + std::to_string(i) + " must be null or a function" + found(words_[i]));
     for (int i : {field::eventInstances, field::eventInstanceCount, field::interfaces,
                   field::bindDescriptions, field::bindDescriptionCount})
@@ -230,7 +248,7 @@ private:
                                               found(array) + " with count " +
                                               std::to_string(count));
     require(array % 4 == 0, where + " must be aligned to 4 bytes" + found(array));
-    require(count == 0 || memory_.readable(array, count * stride * 4),
+    require(count == 0 || memory().readable(array, count * stride * 4),
             where + " must point to " + std::to_string(count) + " entries of " +
                 std::to_string(stride) + " words" + found(array));
     for (uint32_t i = 0; i < count; ++i)
@@ -244,7 +262,7 @@ private:
       require(entry[i] == 0, where + std::to_string(i) + " must be 0" + found(entry[i]));
     };
     auto function = [&](uint32_t i, bool optional) {
-      require((optional && entry[i] == 0) || memory_.runnable(entry[i]),
+      require((optional && entry[i] == 0) || memory().runnable(entry[i]),
               where + std::to_string(i) + " must be a function" + found(entry[i]));
     };
     auto declaration = [&](uint32_t i) {
@@ -324,7 +342,6 @@ private:
     }
   }
 
-  Memory memory_;
   uint32_t version_;
   const Layout& layout_;
   uint32_t* record_;
@@ -390,6 +407,7 @@ void registerPluginVersion(int32_t version) {
 }
 
 void registerClass(uint32_t* record) {
+  Guard guard(hostMutex());
   Examination examination(record, announced);
   examination.enter();
   if (tracing()) {
