@@ -263,9 +263,9 @@ TEST_P(Dates, OfTheHostThatAreNoneArriveSomehowOrNotAtAll) {
   constexpr int32_t most = std::numeric_limits<int32_t>::max();
   constexpr int32_t least = std::numeric_limits<int32_t>::min();
   const host::DateFields strange[] = {
-      {0, 0, 0, 0, 0, 0},         {2021, 13, 1, 0, 0, 0},      {2021, 2, 30, 24, 60, 60},
-      {2021, -1, -1, -1, -1, -1}, {-5000, 1, 1, 0, 0, 0},      {99999, 1, 1, 0, 0, 0},
-      {2021, 1, 1, most, 0, 0},   {2021, 1, 1, 0, most, most}, {2021, 1, 1, least, least, least},
+      {0, 0, 0, 0, 0, 0},        {2021, 13, 1, 0, 0, 0},      {2021, 2, 30, 24, 60, 60},
+      {2021, 0, -1, -1, -1, -1}, {-5000, 1, 1, 0, 0, 0},      {99999, 1, 1, 0, 0, 0},
+      {2021, 1, 1, most, 0, 0},  {2021, 1, 1, 0, most, most}, {2021, 1, 1, least, least, least},
   };
   for (const host::DateFields& fields : strange) {
     SCOPED_TRACE(testing::PrintToString(fields));

@@ -318,22 +318,22 @@ TEST_P(ToCocoaRules, ADateThatCannotBeReadGivesNil) {
 TEST_P(ToCocoaRules, DatesOutOfRangeGiveSomeDateOrWhatCocoaRaises) {
   start();
   Feeder feeder;
-  const host::DateFields odd[] = {
-      {0, 1, 1, 0, 0, 0},
-      {-1, 1, 1, 0, 0, 0},
-      {10000, 1, 1, 0, 0, 0},
-      {2021, 0, 1, 0, 0, 0},
-      {2021, 13, 1, 0, 0, 0},
-      {2021, 2, 0, 0, 0, 0},
-      {2021, 2, 30, 0, 0, 0},
-      {2021, 2, 28, -1, 0, 0},
-      {2021, 2, 28, 24, 60, 61},
-      {2021, 2, -5, 0, 0, -9},
-      {INT32_MAX, 12, 31, 0, 0, 0},
-      {INT32_MIN, 1, 1, 0, 0, 0},
-      {2021, INT32_MAX, 1, 0, 0, 0},
-      {2021, 1, INT32_MIN, 0, 0, 0},
-      {INT32_MAX, INT32_MAX, INT32_MAX, INT32_MAX, INT32_MAX, INT32_MAX}};
+  const host::DateFields odd[] = {{0, 1, 1, 0, 0, 0},
+                                  {-1, 1, 1, 0, 0, 0},
+                                  {10000, 1, 1, 0, 0, 0},
+                                  {2021, 0, 1, 0, 0, 0},
+                                  {2021, 13, 1, 0, 0, 0},
+                                  {2021, 2, 0, 0, 0, 0},
+                                  {2021, 2, 30, 0, 0, 0},
+                                  {2021, 2, 28, -1, 0, 0},
+                                  {2021, 2, 28, 24, 60, 61},
+                                  {2021, 2, -5, 0, 0, -9},
+                                  {INT32_MAX, 12, 31, 0, 0, 0},
+                                  {INT32_MIN, 1, 1, 0, 0, 0},
+                                  // GNUstep counts its way through such months: once is enough.
+                                  {2021, -1, 1, 0, 0, 0},
+                                  {2021, 1, INT32_MIN, 0, 0, 0},
+                                  {INT32_MAX, 1000000, INT32_MAX, INT32_MAX, INT32_MAX, INT32_MAX}};
   for (const host::DateFields& fields : odd) {
     SCOPED_TRACE(testing::PrintToString(fields));
     NSDictionary* converted =
