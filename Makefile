@@ -16,7 +16,8 @@ help:
 
 #: make demo      run a whole update: HOST=2011.4  FEED=URL  CHECK=information  PLUGIN=macho
 #:                COMPARATOR=reverse
-#: make test      run every test; SANITIZE=1 runs them under the sanitizers
+#: make test      run every test: SANITIZE=1 under the sanitizers, SLOWEST=10 names the slowest,
+#:                SHUFFLE=SEED  REPEAT=2  ISOLATE=exec (a new program for each)
 #: make plugin    build dist/SparkleKVZ.xojo_plugin, the file for the host's Plugins folder
 #: make coverage  lines and branches that the tests reach, as a report
 #: make torture   fail every call of every scenario, one at a time
@@ -39,7 +40,7 @@ demo: setup
 	  $(if $(COMPARATOR),--comparator=$(COMPARATOR))
 
 test: build check-format
-	@tools/test $(PRESET)
+	@SLOWEST="$(SLOWEST)" SHUFFLE="$(SHUFFLE)" REPEAT="$(REPEAT)" ISOLATE="$(ISOLATE)" tools/test $(PRESET)
 
 coverage: setup
 	@tools/coverage

@@ -1,5 +1,4 @@
 option(SPARKLEKVZ_SANITIZE "Build everything with AddressSanitizer and UndefinedBehaviorSanitizer" OFF)
-option(SPARKLEKVZ_COVERAGE "Build the product with source-based coverage" OFF)
 
 add_library(instrumentation INTERFACE)
 if(SPARKLEKVZ_SANITIZE)
@@ -13,9 +12,6 @@ if(SPARKLEKVZ_SANITIZE)
     OUTPUT_VARIABLE resources OUTPUT_STRIP_TRAILING_WHITESPACE)
   target_link_options(instrumentation INTERFACE
     ${sanitizers} "-Wl,-rpath,${resources}/lib/linux")
-endif()
-if(SPARKLEKVZ_COVERAGE)
-  target_link_options(instrumentation INTERFACE -fprofile-instr-generate)
 endif()
 
 add_library(warnings INTERFACE)

@@ -5,29 +5,10 @@
 #include "session.h"
 
 #include "testbed/cocoa/crossing.h"
-#include "testbed/loader/loader.h"
-
-#include <cstdlib>
-#include <dlfcn.h>
-#include <stdexcept>
-#include <string_view>
 
 namespace session {
 
 using Resolver = void* (*)(const char* name);
-
-// The same copy of the plug-in at every call; it stays for the life of the process.
-inline void* pluginEntry() {
-  const char* kind = std::getenv("SPARKLEKVZ_PLUGIN");
-  if (kind && std::string_view(kind) != "elf") {
-    static auto bundle = loader::loadFile(kind);
-    return reinterpret_cast<void*>(bundle->entry<void()>());
-  }
-  void* library = dlopen("libSparkleKVZ.so", RTLD_NOW | RTLD_LOCAL);
-  void* entry = library ? dlsym(library, "REALPluginMain") : nullptr;
-  if (!entry) throw std::runtime_error(dlerror());
-  return entry;
-}
 
 // What a host does with a plug-in: hands the resolver to its entry.
 inline void enterPlugin(Resolver resolver) {

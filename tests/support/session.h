@@ -1,5 +1,5 @@
-// What a test of the plug-in stands on: a host of some year, the companion, the plug-in (the ELF
-// library, or what SPARKLEKVZ_PLUGIN names: another ELF library, or the Mach-O bundle) and, where
+// What a test of the plug-in stands on: a host of some year, the companion, the plug-in (what
+// SPARKLEKVZ_PLUGIN names: elf, macho, or the path of another ELF library or bundle) and, where
 // asked for, the update framework. One process serves one test.
 //
 //   class Updater : public session::Test {};
@@ -29,6 +29,9 @@ struct Options {
 
 // Starts a host and loads the plug-ins into it.
 void start(const std::string& profile, Options options = {});
+
+// The entry of the plug-in under test; the same copy at every call, for the life of the process.
+void* pluginEntry();
 
 // The folder of the update framework, or of one of its broken variants, as a FolderItem.
 std::string frameworkPath(const std::string& variant = "Sparkle");

@@ -6,8 +6,12 @@
 
 #import <Foundation/Foundation.h>
 
+#include "runner.h"
+
 #include <cstdlib>
+#include <dlfcn.h>
 #include <mutex>
+#include <stdexcept>
 
 namespace session {
 namespace {
@@ -20,25 +24,37 @@ void collectLog(NSString* line) {
   logLines.emplace_back([line UTF8String] ?: "");
 }
 
-void loadThePlugin() {
+std::string pluginPath() {
   const char* kind = std::getenv("SPARKLEKVZ_PLUGIN");
-  if (!kind) {
-    // No default: a test of the bundle that silently ran the other build would prove nothing.
-    fprintf(stderr, "Set SPARKLEKVZ_PLUGIN to elf, or to the path of a plug-in.\n");
-    abort();
-  }
-  if (std::string_view(kind) == "elf") {
-    host::loadPlugin(ELF_PLUGIN_PATH);
-  } else if (std::string_view(kind).ends_with(".so")) {
-    host::loadPlugin(kind);
-  } else {
-    // Mapped for the life of the process, as the host does it.
-    static auto bundle = loader::loadFile(kind);
-    host::startPlugin(reinterpret_cast<void*>(bundle->entry<void()>()), "SparkleKVZ");
-  }
+  // No default: a test of the bundle that silently ran the other build would prove nothing.
+  if (!kind)
+    throw std::runtime_error("Set SPARKLEKVZ_PLUGIN to elf, to macho or to the path of a plug-in.");
+  // Another build of the same, such as the one that counts what the tests reach.
+  const char* otherElf = std::getenv("SPARKLEKVZ_ELF");
+  if (std::string_view(kind) == "elf") return otherElf ? otherElf : ELF_PLUGIN_PATH;
+  if (std::string_view(kind) == "macho") return MACHO_PLUGIN_PATH;
+  return kind;
+}
+
+void* open(const std::string& library) {
+  void* opened = dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (!opened) throw std::runtime_error(dlerror());
+  return opened;
 }
 
 } // namespace
+
+void* pluginEntry() {
+  static void* entry = [] {
+    std::string path = pluginPath();
+    if (path.ends_with(".so")) return dlsym(open(path), "REALPluginMain");
+    // Mapped for the life of the process, as the host does it.
+    static auto bundle = loader::loadFile(path);
+    return reinterpret_cast<void*>(bundle->entry<void()>());
+  }();
+  if (!entry) throw std::runtime_error(pluginPath() + " exports no REALPluginMain");
+  return entry;
+}
 
 const std::string& folder() {
   static testbed::Folder folder;
@@ -47,12 +63,13 @@ const std::string& folder() {
 }
 
 void start(const std::string& profile, Options options) {
+  runner::tell("on the host " + profile);
   host::start(profile);
   if (options.companion) {
     companion_open(COMPANION_PATH);
     host::loadPlugin(COMPANION_PATH);
   }
-  loadThePlugin();
+  host::startPlugin(pluginEntry(), "SparkleKVZ");
 }
 
 std::string frameworkPath(const std::string& variant) {
@@ -114,3 +131,9 @@ std::string hostName(const testing::TestParamInfo<std::string>& info) {
 }
 
 } // namespace session
+
+// Neither library runs code of its own before its entry is called.
+void runner::prepare() {
+  session::pluginEntry();
+  session::open(COMPANION_PATH);
+}
