@@ -22,13 +22,14 @@ template <std::size_t Size> struct Literal {
 };
 
 // What a name stands for is asked of its owner once and kept. Threads that race on an empty slot
-// store the same value; a null answer is not kept, so it is asked for again.
+// store the same value. A null answer is never stored, so it takes nothing from another thread, and
+// is asked for again.
 template <class Value, class Find> inline Value found(Value& slot, Find find) {
   Value value;
   __atomic_load(&slot, &value, __ATOMIC_RELAXED);
   if (!value) [[unlikely]] {
     value = find();
-    __atomic_store(&slot, &value, __ATOMIC_RELAXED);
+    if (value) __atomic_store(&slot, &value, __ATOMIC_RELAXED);
   }
   return value;
 }

@@ -13,6 +13,11 @@ struct Threshold {
 constexpr Threshold thresholds[] = {{2013.03, 12}, {2013.0, 11}, {2012.0, 10}};
 constexpr std::int32_t oldestInterface = 9;
 
+CocoaClass* const cocoaClasses[] = {
+    &MySUVersionComparison,
+    &MySUUpdaterDelegateInformalProtocol,
+};
+
 // In the order of registration.
 REALclassDefinition* const classes[] = {
     &SUVersionComparisonDefinition,
@@ -40,5 +45,6 @@ extern "C" [[gnu::visibility("default")]] void REALPluginMain(Resolver resolver)
   CurrentREALControlVersion = interfaceVersion(rbversion);
   if (registerVersion) registerVersion(CurrentREALControlVersion);
 
+  for (CocoaClass* type : cocoaClasses) makeCocoaClass(*type);
   for (REALclassDefinition* type : classes) MyREALRegisterClass(type);
 }

@@ -4,6 +4,7 @@
 // because the host and the registration write into them, and live as long as the process.
 #pragma once
 
+#include "cocoa/cocoa_class.h"
 #include "plugin/host.h"
 
 using NativeFunction = void (*)();
@@ -111,7 +112,10 @@ template <class Entry, std::size_t Count> constexpr std::uint32_t entries(Entry 
   return Count;
 }
 
-// Each is defined beside the members of its class.
+// Each of these is defined beside the members of its class. The Cocoa classes are made at start-up,
+// as if they stood in the bundle: whichever thread needs one first finds it there.
+extern CocoaClass MySUVersionComparison;
+extern CocoaClass MySUUpdaterDelegateInformalProtocol;
 extern REALclassDefinition SUVersionComparisonDefinition;
 extern REALclassDefinition SUAppcastItemDefinition;
 extern REALclassDefinition SUUpdaterDefinition;

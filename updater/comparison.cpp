@@ -7,7 +7,6 @@
 #include "framework/framework.h"
 #include "framework/wrapping.h"
 #include "plugin/failure.h"
-#include "updater/cocoa_class.h"
 
 id comparatorOf(REALobjectStruct* instance) {
   return wrappedObject(SUVersionComparisonDefinition, instance);
@@ -72,14 +71,12 @@ const CocoaMethod cocoaMethods[] = {
 };
 
 id comparatorClass() {
-  static Class type;
-  found(type, [] { return makeCocoaClass("MySUVersionComparison", variables, cocoaMethods); });
   // The protocol is the framework's, which may be loaded later than this class is made.
   static Protocol* protocol;
   if (!protocol && (protocol = objc_getProtocol("SUVersionComparison"))) {
-    class_addProtocol(type, protocol);
+    class_addProtocol(MySUVersionComparison.type, protocol);
   }
-  return asObject(type);
+  return asObject(MySUVersionComparison.type);
 }
 
 void Constructor(REALobjectStruct* instance) {
@@ -120,6 +117,14 @@ REALconstant constants[] = {
 };
 
 } // namespace
+
+CocoaClass MySUVersionComparison = {
+    .name = "MySUVersionComparison",
+    .variables = variables,
+    .variableCount = entries(variables),
+    .methods = cocoaMethods,
+    .methodCount = entries(cocoaMethods),
+};
 
 REALclassDefinition SUVersionComparisonDefinition = {
     .version = kLayoutVersion,

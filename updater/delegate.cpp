@@ -4,7 +4,6 @@
 #include "convert/dictionaries.h"
 #include "convert/strings.h"
 #include "plugin/failure.h"
-#include "updater/cocoa_class.h"
 #include "updater/comparison.h"
 
 // Host programs bind to these texts, including the two parameter names that do not fit.
@@ -273,8 +272,14 @@ const CocoaMethod methods[] = {
 id& postponedInvocation(id delegate) { return variableOf<id>(delegate, variables[1]); }
 
 id newDelegate(REALobjectStruct* target) {
-  static Class type;
-  found(type,
-        [] { return makeCocoaClass("MySUUpdaterDelegateInformalProtocol", variables, methods); });
-  return send<id>(send<id>(asObject(type), "alloc"_sel), "initWithTarget:"_sel, target);
+  id type = asObject(MySUUpdaterDelegateInformalProtocol.type);
+  return send<id>(send<id>(type, "alloc"_sel), "initWithTarget:"_sel, target);
 }
+
+CocoaClass MySUUpdaterDelegateInformalProtocol = {
+    .name = "MySUUpdaterDelegateInformalProtocol",
+    .variables = variables,
+    .variableCount = entries(variables),
+    .methods = methods,
+    .methodCount = entries(methods),
+};

@@ -20,16 +20,20 @@ struct CocoaMethod {
 #define COCOA_METHOD(selector, function, encoding)                                                 \
   { selector, reinterpret_cast<IMP>(function), encoding }
 
-// Makes and registers a subclass of NSObject. Nil when the runtime refuses, as it does for a name
-// that is taken.
-Class makeCocoaClass(const char* name, CocoaVariable* variables, std::size_t variableCount,
-                     const CocoaMethod* methods, std::size_t methodCount);
+// A subclass of NSObject.
+struct CocoaClass {
+  const char* name;
+  CocoaVariable* variables;
+  std::size_t variableCount;
+  const CocoaMethod* methods;
+  std::size_t methodCount;
+  Class type; // nil until it is made
+};
 
-template <std::size_t Variables, std::size_t Methods>
-inline Class makeCocoaClass(const char* name, CocoaVariable (&variables)[Variables],
-                            const CocoaMethod (&methods)[Methods]) {
-  return makeCocoaClass(name, variables, Variables, methods, Methods);
-}
+// Makes and registers a class, unless that is done. Where its name is taken in this process, by
+// another copy of the plug-in perhaps, it gets the first free one with a number behind it: nobody
+// asks for these classes by name. On one thread, before any other can want the class.
+void makeCocoaClass(CocoaClass& definition);
 
 template <class Value> inline Value& variableOf(id object, const CocoaVariable& variable) {
   return *reinterpret_cast<Value*>(reinterpret_cast<char*>(object) + variable.offset);
