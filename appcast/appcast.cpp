@@ -61,7 +61,6 @@ REALarrayStruct* items(REALobjectStruct* instance) {
       item = SUAppcastItemRB(element);
       REALInsertArrayValueObject(result, index++, item);
       unlock(item);
-      item = nullptr;
     }
   });
   if (!thrown) return result;

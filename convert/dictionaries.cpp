@@ -37,7 +37,6 @@ struct Entry {
 void giveBack(Entry& entry) {
   unlock(entry.key);
   unlock(entry.value);
-  entry = {};
 }
 
 void fillHostDictionary(REALobjectStruct* target, id source, Entry& entry, Nesting nesting) {

@@ -114,7 +114,6 @@ REALobjectStruct* fromElements(id collection, const ClassRule&, Nesting nesting)
       if (*nesting.exceeded) return;
       REALInsertArrayValueObject(array, index++, element);
       unlock(element);
-      element = nullptr;
     }
   });
   if (!thrown && !*nesting.exceeded) return asHostObject(array);

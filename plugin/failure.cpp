@@ -36,9 +36,25 @@ void raiseInHost(id thrown) {
   RaiseNSExceptionKVZ(thrown);
 }
 
-void logException(id thrown) {
-  if (!isNSException(thrown)) objc_exception_throw(thrown);
-  NSLog("%@"_ns, thrown);
+void logExceptions(const id* thrown, std::size_t count) {
+  id other = nullptr;
+  for (std::size_t i = 0; i < count; ++i) {
+    if (!thrown[i]) continue;
+    if (isNSException(thrown[i])) {
+      NSLog("%@"_ns, thrown[i]);
+    } else if (!other) {
+      other = thrown[i];
+    }
+  }
+  if (other) objc_exception_throw(other);
+}
+
+id giveBack(REALobjectStruct*& held) {
+  return attempt([&] { unlock(held); });
+}
+
+id giveBack(REALstringStruct*& held) {
+  return attempt([&] { unlock(held); });
 }
 
 void raiseAlreadyInitialized() {

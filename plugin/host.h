@@ -150,11 +150,16 @@ template <class Handle> inline REALobjectStruct* asHostObject(Handle* handle) {
   return reinterpret_cast<REALobjectStruct*>(handle);
 }
 
-// Gives back a reference, if there is one.
-template <class Handle> inline void unlock(Handle* object) {
+// Gives back a reference, if there is one. The variable is empty by then: the host may run a
+// destructor, and that may throw.
+template <class Handle> inline void unlock(Handle*& held) {
+  Handle* object = held;
+  held = nullptr;
   if (object) REALUnlockObject(asHostObject(object));
 }
-inline void unlock(REALstringStruct* string) {
+inline void unlock(REALstringStruct*& held) {
+  REALstringStruct* string = held;
+  held = nullptr;
   if (string) REALUnlockString(string);
 }
 

@@ -636,4 +636,18 @@ TEST_P(AppcastRegistry, MostMembersRunTheSharedInitialisation) {
   EXPECT_EQ(initialises([&] { made.reset(); }), 1u);
 }
 
+// The companion is missing, so what an item's destructor raises leaves it; and the array that was
+// to hold the item does not.
+TEST_P(Appcast, GivesAnItemBackOnceThoughItsDestructorThrows) {
+  session::start(GetParam(), {.companion = false});
+  ClingingItem* item = [ClingingItem new];
+  fakes::answer("items") = [NSArray arrayWithObject:item];
+  item->clings = true;
+  host::Object appcast = fakes::wrapping("SUAppcastKVZ", [[FakeAppcast new] autorelease]);
+  host::makeAbsent("RuntimeArrayDirectGetInsertProc");
+  host::CallResult result = host::callCatching(appcast, "items as SUAppcastItemKVZ()");
+  EXPECT_THAT(result.thrown.text, testing::HasSubstr("NewNSExceptionKVZ:"));
+  [item release];
+}
+
 } // namespace

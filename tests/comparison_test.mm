@@ -356,6 +356,28 @@ TEST_P(Comparison, TheInstanceLivesThroughAComparisonInWhichItsLastReferenceGoes
   [comparator release];
 }
 
+TEST_P(Comparison, IsAnsweredThoughTheLastReferenceThatItGivesBackThrows) {
+  session::start(GetParam(), {.companion = false}); // which an exception is reported with
+  host::subclass("MyComparison", "SUVersionComparisonKVZ");
+  instance = host::construct("MyComparison", "Constructor");
+  comparator = fakes::wrapped(instance);
+  class_replaceMethod(object_getClass(comparator), @selector(clearTarget),
+                      reinterpret_cast<IMP>(+[](id, SEL) { fakes::raise(); }), "v8@0:4");
+  host::handle("MyComparison", compareVersion, [&](host::Event& event) {
+    instance.reset();
+    event.target.reset();
+    return 7;
+  });
+  session::takeLog();
+  int answer = 0;
+  host::Thrown thrown =
+      host::catching([&] { answer = [comparator compareVersion:@"1" toVersion:@"2"]; });
+  EXPECT_FALSE(thrown) << thrown.text;
+  EXPECT_EQ(answer, 7);
+  EXPECT_THAT(session::takeLog(),
+              ElementsAre(HasSubstr("A Refused: "), HasSubstr("NewNSExceptionKVZ:")));
+}
+
 TEST_P(Comparison, BothGoTogetherWhenAComparisonEndsTheLastReference) {
   start();
   host::handle("MyComparison", compareVersion, [&](host::Event&) {

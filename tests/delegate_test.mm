@@ -107,8 +107,8 @@ const Place places[] = {{"main",
 class Delegate : public session::Test {
 protected:
   // An instance of a host class with these handlers, and its delegate.
-  void start(host::Handlers handlers = {}) {
-    session::Test::start();
+  void start(host::Handlers handlers = {}, session::Options options = {}) {
+    session::Test::start(options);
     host::subclass("MyUpdater", "SUUpdaterKVZ", std::move(handlers));
     ASSERT_TRUE(fakes::load({{"SUUpdater", [FakeUpdater class]},
                              {"SUAppcast", [FakeAppcast class]},
@@ -1065,6 +1065,100 @@ TEST_P(Delegate, WhatIsNoExceptionPassesOnThroughACallback) {
   }
   EXPECT_EQ(host::pendingExceptions(), 0u);
   EXPECT_THAT(session::takeLog(), IsEmpty());
+}
+
+// Without the companion an exception leaves the destructor of an instance: what it is raised with
+// is missing. Where the callback's reference was the last, it leaves the giving back of it.
+class DelegateWithoutCompanion : public Delegate {
+protected:
+  void start() { Delegate::start({}, {.companion = false}); }
+  // An item that raises when the reference of the instance around it goes; ours goes first.
+  id clinging() {
+    ClingingItem* made = [ClingingItem new];
+    items_.push_back(made);
+    made->clings = true;
+    return made;
+  }
+  // Sends, and expects both exceptions in the log: the item's, and the missing report of it.
+  void expectLogged(const std::function<void()>& send) {
+    session::takeLog();
+    host::Thrown thrown = host::catching(send);
+    EXPECT_FALSE(thrown) << thrown.text;
+    EXPECT_THAT(session::takeLog(),
+                ElementsAre(HasSubstr("A Clinging: "), HasSubstr("NewNSExceptionKVZ:")));
+  }
+  void TearDown() override {
+    Delegate::TearDown();
+    for (id each : items_) [each release];
+  }
+
+private:
+  std::vector<id> items_;
+};
+INSTANTIATE_TEST_SUITE_P(Hosts, DelegateWithoutCompanion, session::everyInterface(),
+                         session::hostName);
+
+TEST_P(DelegateWithoutCompanion, LogsWhatGivingAReportedInstanceBackThrows) {
+  start();
+  for (const Report& report : reports) {
+    if (!report.wrapperName) continue;
+    int handled = 0;
+    host::handle("MyUpdater", report.event, [&](host::Event&) { ++handled; });
+    expectLogged([&] { report.send(delegate, clinging()); });
+    EXPECT_EQ(handled, 1) << report.event;
+  }
+}
+
+TEST_P(DelegateWithoutCompanion, AnswersThoughGivingInstancesBackThrows) {
+  start();
+  id held = nil;
+  auto answerInstance = [&](host::Event&) {
+    host::Object made = host::create("SUAppcastItemKVZ");
+    held = clinging();
+    host::set(made, "Handle", static_cast<int32_t>(reinterpret_cast<intptr_t>([held retain])));
+    return made;
+  };
+  host::handle("MyUpdater", versionComparator, answerInstance);
+  expectLogged([&] { EXPECT_EQ([delegate versionComparatorForUpdater:nil], held); });
+  host::handle("MyUpdater", bestValid, answerInstance);
+  expectLogged(
+      [&] { EXPECT_EQ([delegate bestValidUpdateInAppcast:appcast forUpdater:nil], held); });
+  host::handle("MyUpdater", shouldPostpone, [](host::Event&) { return true; });
+  expectLogged([&] {
+    EXPECT_TRUE([delegate updater:nil
+        shouldPostponeRelaunchForUpdate:clinging()
+                          untilInvoking:nil]);
+  });
+}
+
+TEST_P(DelegateWithoutCompanion, GivesTheAppcastBackThoughGivingTheItemBackThrows) {
+  start();
+  host::handle("MyUpdater", bestValid,
+               [&](host::Event&) { return fakes::wrapping("SUAppcastItemKVZ", clinging()); });
+  NSUInteger references = [appcast retainCount];
+  expectLogged([&] { [delegate bestValidUpdateInAppcast:appcast forUpdater:nil]; });
+  EXPECT_EQ([appcast retainCount], references);
+}
+
+TEST_P(DelegateWithoutCompanion, LogsWhatTheHandlerThrewBeforeWhatGivingBackThrows) {
+  start();
+  host::handle("MyUpdater", didFind,
+               throwing(didFind, [] { fakes::raise(@"Refused", @"by the handler"); }));
+  session::takeLog();
+  host::Thrown thrown =
+      host::catching([&] { [delegate updater:nil didFindValidUpdate:clinging()]; });
+  EXPECT_FALSE(thrown) << thrown.text;
+  EXPECT_THAT(session::takeLog(),
+              ElementsAre(HasSubstr("A Clinging: "), HasSubstr("by the handler"),
+                          HasSubstr("NewNSExceptionKVZ:")));
+}
+
+TEST_P(DelegateWithoutCompanion, PassesOnWhatIsNoExceptionThoughGivingBackThrowsOne) {
+  start();
+  host::handle("MyUpdater", didFind, throwing(didFind, fakes::throwOther));
+  host::Thrown thrown =
+      host::catching([&] { [delegate updater:nil didFindValidUpdate:clinging()]; });
+  EXPECT_EQ(thrown.object, fakes::thrownObject());
 }
 
 TEST_P(Delegate, EveryFailingMessageOfACallbackIsLoggedAndSwallowed) {

@@ -45,7 +45,7 @@ std::int32_t compareVersion(id self, SEL, id versionA, id versionB) {
   REALobjectStruct* locked = nullptr;
   REALstringStruct* first = nullptr;
   REALstringStruct* second = nullptr;
-  id thrown = attempt([&] {
+  auto ask = [&] {
     using Handler = std::int32_t (*)(REALobjectStruct*, REALstringStruct*, REALstringStruct*);
     auto handler = eventHandler<Handler>(target, events[0]);
     if (!handler) return;
@@ -54,11 +54,8 @@ std::int32_t compareVersion(id self, SEL, id versionA, id versionB) {
     first = CFString2RBString(asString(versionA));
     second = CFString2RBString(asString(versionB));
     result = handler(target, first, second);
-  });
-  unlock(first);
-  unlock(second);
-  unlock(locked);
-  if (thrown) logException(thrown);
+  };
+  logging(ask, first, second, locked);
   return result;
 }
 

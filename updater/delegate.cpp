@@ -64,15 +64,14 @@ template <UpdaterEvent Event> void deliver(id self, SEL, id) {
 
 void deliverWrapped(id self, UpdaterEvent event, REALobjectStruct* (*wrapper)(id), id object) {
   REALobjectStruct* argument = nullptr;
-  id thrown = attempt([&] {
+  auto raise = [&] {
     using Handler = void (*)(REALobjectStruct*, REALobjectStruct*);
     auto handler = handlerOf<Handler>(self, event);
     if (!handler) return;
     argument = wrapper(object);
     handler(targetOf(self), argument);
-  });
-  unlock(argument);
-  if (thrown) logException(thrown);
+  };
+  logging(raise, argument);
 }
 
 template <UpdaterEvent Event> void deliverItem(id self, SEL, id item) {
@@ -98,30 +97,28 @@ BOOL shouldPromptForPermission(id self, SEL, id) {
 id pathToRelaunch(id self, SEL, id) {
   id result = nullptr;
   REALstringStruct* path = nullptr;
-  id thrown = attempt([&] {
+  auto ask = [&] {
     using Handler = REALstringStruct* (*)(REALobjectStruct*);
     auto handler = handlerOf<Handler>(self, kPathToRelaunch);
     if (!handler) return;
     path = handler(targetOf(self));
     result = forCaller(autoreleasedString(path));
-  });
-  unlock(path);
-  if (thrown) logException(thrown);
+  };
+  logging(ask, path);
   return result;
 }
 
 id versionComparator(id self, SEL, id) {
   id result = nullptr;
   REALobjectStruct* comparison = nullptr;
-  id thrown = attempt([&] {
+  auto ask = [&] {
     using Handler = REALobjectStruct* (*)(REALobjectStruct*);
     auto handler = handlerOf<Handler>(self, kVersionComparator);
     if (!handler) return;
     comparison = handler(targetOf(self));
     if (comparison) result = forCaller(comparatorOf(comparison));
-  });
-  unlock(comparison);
-  if (thrown) logException(thrown);
+  };
+  logging(ask, comparison);
   return result;
 }
 
@@ -129,17 +126,15 @@ id bestValidUpdate(id self, SEL, id appcast, id) {
   id result = nullptr;
   REALobjectStruct* argument = nullptr;
   REALobjectStruct* answer = nullptr;
-  id thrown = attempt([&] {
+  auto ask = [&] {
     using Handler = REALobjectStruct* (*)(REALobjectStruct*, REALobjectStruct*);
     auto handler = handlerOf<Handler>(self, kBestValidUpdate);
     if (!handler) return;
     argument = SUAppcastRB(appcast);
     answer = handler(targetOf(self), argument);
     if (answer) result = forCaller(appcastItemOf(answer));
-  });
-  unlock(answer);
-  unlock(argument);
-  if (thrown) logException(thrown);
+  };
+  logging(ask, answer, argument);
   return result;
 }
 
@@ -177,16 +172,15 @@ void keepInvocation(id self, id invocation) {
 BOOL shouldPostponeRelaunch(id self, SEL, id, id item, id invocation) {
   BOOL result = NO;
   REALobjectStruct* argument = nullptr;
-  id thrown = attempt([&] {
+  auto ask = [&] {
     keepInvocation(self, invocation);
     using Handler = RBBoolean (*)(REALobjectStruct*, REALobjectStruct*);
     auto handler = handlerOf<Handler>(self, kShouldPostponeRelaunch);
     if (!handler) return;
     argument = SUAppcastItemRB(item);
     result = static_cast<BOOL>(handler(targetOf(self), argument));
-  });
-  unlock(argument);
-  if (thrown) logException(thrown);
+  };
+  logging(ask, argument);
   return result;
 }
 

@@ -325,6 +325,20 @@ FAKE_ANSWER(minimumSystemVersion)
 FAKE_ANSWER(propertiesDictionary)
 @end
 
+// An item that raises at its next release, and so lets an exception out of the destructor that
+// releases it.
+@interface ClingingItem : FakeItem {
+@public
+  bool clings;
+}
+@end
+@implementation ClingingItem
+- (oneway void)release {
+  if (std::exchange(clings, false)) fakes::raise(@"Clinging", @"to what holds it");
+  [super release];
+}
+@end
+
 // What stands between the plug-in and a value: a URL, or a bundle.
 @interface FakeLink : FakeObject
 @end
