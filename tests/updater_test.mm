@@ -3,6 +3,8 @@
 #include "session.h"
 #include "unreported.h"
 
+#include "testbed/cocoa/crossing.h"
+
 #include <gmock/gmock.h>
 
 #include <cmath>
@@ -932,6 +934,61 @@ TEST_P(Updater, ARelaunchPostponedWhileOneIsInvokedWaitsForTheNextInvokeUpdate) 
     host::call(updater, "InvokeUpdate");
     EXPECT_EQ([second retainCount], 1u);
     EXPECT_EQ(host::pendingExceptions(), 0u);
+  }
+}
+
+// Calls it as a host does that holds no reference on the instance meanwhile.
+host::Thrown invokeUpdate(const host::Object& updater) {
+  auto word = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(updater.handle()));
+  return host::catching([word] {
+    uint32_t argument = word;
+    crossing_enter(host::memberAddress("SUUpdaterKVZ", "InvokeUpdate"), &argument, 1);
+  });
+}
+
+// A relaunch quits the program, which then lets go of what it has.
+TEST_P(Updater, MayGoWhileItsRelaunchIsInvoked) {
+  start();
+  const std::function<void()> ends[] = {[] {}, [] { fakes::raise(); }, [] { fakes::throwOther(); }};
+  for (auto& end : ends) {
+    SCOPED_TRACE(&end - ends);
+    host::Object updater = bound();
+    FakeInvocation* invocation = [[FakeInvocation new] autorelease];
+    postpone(delegateOf(updater), invocation);
+    bool gone = false;
+    fakes::on("invoke") = [&] {
+      updater.reset();
+      gone = !host::ledger().alive.count("SUUpdaterKVZ");
+      end();
+    };
+    fakes::Spy spy;
+    host::Thrown thrown = invokeUpdate(updater);
+    EXPECT_TRUE(gone);
+    EXPECT_EQ(bool(thrown), &end == &ends[2]);
+    EXPECT_EQ(host::takeExceptions().size(), &end == &ends[1] ? 1u : 0u);
+    EXPECT_EQ([invocation retainCount], 1u);
+    EXPECT_EQ(spy.count(std::string("-[") + delegateClass + " dealloc]"), 1);
+    EXPECT_EQ(host::ledger(), host::Ledger{});
+  }
+}
+
+TEST_P(Updater, MayGoAfterPostponingAgainWhileItsRelaunchIsInvoked) {
+  start();
+  for (bool raising : {false, true}) {
+    SCOPED_TRACE(raising ? "raising" : "returning");
+    host::Object updater = bound();
+    FakeInvocation* first = [[FakeInvocation new] autorelease];
+    FakeInvocation* second = [[FakeInvocation new] autorelease];
+    postpone(delegateOf(updater), first);
+    fakes::on("invoke") = [&] {
+      postpone(delegateOf(updater), second);
+      updater.reset();
+      if (raising) fakes::raise();
+    };
+    invokeUpdate(updater);
+    EXPECT_EQ(host::takeExceptions().size(), raising ? 1u : 0u);
+    EXPECT_EQ([first retainCount], 1u);
+    EXPECT_EQ([second retainCount], 1u);
   }
 }
 

@@ -159,29 +159,39 @@ void SUUpdaterDestructor(REALobjectStruct* instance) {
 
 // --- Completing a postponed relaunch. ---
 
-// The framework may postpone again while its invocation runs, and so replace it: the invocation is
-// ours while it runs, and goes back only when it could not be carried out.
+void release(id& held) {
+  id object = held;
+  held = nullptr;
+  send<void>(object, "release"_sel);
+}
+
+// The relaunch quits the application while the invocation runs: the program may let its updater go
+// then, and the delegate with it, which is therefore kept. The framework may also postpone again
+// meanwhile, and so replace the invocation: it is ours while it runs, and goes back only when it
+// could not be carried out.
 void InvokeUpdate(REALobjectStruct* instance) {
+  id delegate = nullptr;
   id invocation = nullptr;
-  id* place = nullptr;
   id thrown = attempt([&] {
     CocoaInit();
-    id delegate = recordOf(instance).delegate;
-    if (!delegate) return;
-    place = &postponedInvocation(delegate);
-    if (!*place) return RaiseException("NilObjectException", "invocation is nil!", 0);
-    invocation = *place;
-    *place = nullptr;
+    id own = recordOf(instance).delegate;
+    if (!own) return;
+    if (!postponedInvocation(own)) {
+      return RaiseException("NilObjectException", "invocation is nil!", 0);
+    }
+    delegate = send<id>(own, "retain"_sel);
+    invocation = postponedInvocation(delegate);
+    postponedInvocation(delegate) = nullptr;
     send<void>(invocation, "invoke"_sel);
-    id done = invocation;
-    invocation = nullptr;
-    send<void>(done, "release"_sel);
+    release(invocation);
   });
-  if (invocation && *place) {
-    attempt([&] { send<void>(invocation, "release"_sel); });
-  } else if (invocation) {
-    *place = invocation;
+  if (invocation && !postponedInvocation(delegate)) {
+    postponedInvocation(delegate) = invocation;
+    invocation = nullptr;
   }
+  attempt([&] { release(invocation); });
+  id later = attempt([&] { release(delegate); });
+  if (!thrown) thrown = later;
   if (thrown) raiseInHost(thrown);
 }
 
