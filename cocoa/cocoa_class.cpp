@@ -28,4 +28,10 @@ void makeCocoaClass(CocoaClass& definition) {
   definition.type = type;
 }
 
+void adoptProtocol(CocoaClass& definition) {
+  if (definition.adopted) return;
+  definition.adopted = objc_getProtocol(definition.protocol);
+  if (definition.adopted) class_addProtocol(definition.type, definition.adopted);
+}
+
 id retainInsteadOfCopy(id self, SEL, void*) { return send<id>(self, "retain"_sel); }

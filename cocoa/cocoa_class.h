@@ -27,13 +27,19 @@ struct CocoaClass {
   std::size_t variableCount;
   const CocoaMethod* methods;
   std::size_t methodCount;
-  Class type; // nil until it is made
+  const char* protocol; // null when there is none
+  Class type;           // nil until it is made
+  Protocol* adopted;    // nil until it is known
 };
 
 // Makes and registers a class, unless that is done. Where its name is taken in this process, by
 // another copy of the plug-in perhaps, it gets the first free one with a number behind it: nobody
 // asks for these classes by name. On one thread, before any other can want the class.
 void makeCocoaClass(CocoaClass& definition);
+
+// Lets a class that is made, and all its objects, conform to its protocol if that is known by now.
+// The protocol may be of a framework that is loaded later: ask again then.
+void adoptProtocol(CocoaClass& definition);
 
 template <class Value> inline Value& variableOf(id object, const CocoaVariable& variable) {
   return *reinterpret_cast<Value*>(reinterpret_cast<char*>(object) + variable.offset);

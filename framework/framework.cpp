@@ -3,6 +3,7 @@
 #include "convert/files.h"
 #include "convert/registry.h"
 #include "plugin/failure.h"
+#include "plugin/registration.h"
 
 id MySUUpdater;
 id MySUAppcast;
@@ -43,6 +44,8 @@ RBBoolean LoadSparkleFramework(REALfolderItemStruct* folder) {
     loaded = MySUUpdater != nullptr;
     if (!loaded) loadBundle(folder);
   });
+  // Comparators may be older than the framework.
+  adoptProtocol(MySUVersionComparison);
   // A framework that is loaded is not looked at again, complete or not.
   if (loaded) return true;
   return MySUUpdater && MySUAppcast && MySUAppcastItem;

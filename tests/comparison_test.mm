@@ -111,6 +111,7 @@ TEST_P(Comparison, AdoptsTheProtocolOfAFrameworkThatIsLoadedLater) {
   ASSERT_TRUE(loadFramework());
   Protocol* protocol = objc_getProtocol("SUVersionComparison");
   ASSERT_TRUE(protocol);
+  EXPECT_TRUE([comparator conformsToProtocol:protocol]);
   host::Object later = host::construct("SUVersionComparisonKVZ", "Constructor");
   EXPECT_TRUE([fakes::wrapped(later) conformsToProtocol:protocol]);
   EXPECT_EQ(object_getClass(fakes::wrapped(later)), object_getClass(comparator));

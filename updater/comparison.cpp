@@ -67,20 +67,12 @@ const CocoaMethod cocoaMethods[] = {
     COCOA_METHOD("compareVersion:toVersion:", compareVersion, "i16@0:4@8@12"),
 };
 
-id comparatorClass() {
-  // The protocol is the framework's, which may be loaded later than this class is made.
-  static Protocol* protocol;
-  if (!protocol && (protocol = objc_getProtocol("SUVersionComparison"))) {
-    class_addProtocol(MySUVersionComparison.type, protocol);
-  }
-  return asObject(MySUVersionComparison.type);
-}
-
 void Constructor(REALobjectStruct* instance) {
   if (comparatorOf(instance)) return raiseAlreadyInitialized();
   raising([&] {
-    id comparator =
-        send<id>(send<id>(comparatorClass(), "alloc"_sel), "initWithTarget:"_sel, instance);
+    adoptProtocol(MySUVersionComparison);
+    id type = asObject(MySUVersionComparison.type);
+    id comparator = send<id>(send<id>(type, "alloc"_sel), "initWithTarget:"_sel, instance);
     fill(SUVersionComparisonDefinition, instance, comparator);
   });
 }
@@ -121,6 +113,7 @@ CocoaClass MySUVersionComparison = {
     .variableCount = entries(variables),
     .methods = cocoaMethods,
     .methodCount = entries(cocoaMethods),
+    .protocol = "SUVersionComparison",
 };
 
 REALclassDefinition SUVersionComparisonDefinition = {
