@@ -24,8 +24,10 @@ constexpr double kLastVersionWithStringRecord = 2013.0;
 StoredBytes openBytes(REALstringStruct* string) {
   StoredBytes stored{string, nullptr, 0, false, false, {}};
   if (rbversion <= kLastVersionWithStringRecord) {
-    REALLockString(string);
-    stored.locked = true;
+    if (auto lock = REALLockString.resolve()) {
+      lock(string);
+      stored.locked = true;
+    }
     auto* words = reinterpret_cast<const std::uint32_t*>(string);
     if (words[1]) stored.bytes = reinterpret_cast<const char*>(words[1] + 1);
     stored.length = words[3];

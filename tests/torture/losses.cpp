@@ -50,7 +50,7 @@ const Loss losses[] = {
     {"*", absentOperation, "REAL@(Lock|Unlock)Object", "*",
      losesInHost | losesInCocoa | staysEntered, "*",
      "a host that takes no objects back keeps them, and what they hold"},
-    {"*", absentOperation, "REAL@(Lock|Unlock)String", "*", losesInHost, "String",
+    {"*", absentOperation, "REALUnlockString", "*", losesInHost, "String",
      "a host that takes no strings back keeps them"},
     {"*", anyThrow, "-* @(release|autorelease|dealloc)", "*", losesInCocoa, "%",
      "the release itself did not happen"},
