@@ -60,6 +60,7 @@ void fillCocoaDictionary(id target, REALobjectStruct* source, std::int32_t count
   for (std::int32_t i = 0; i < count && !*nesting.exceeded; ++i) {
     useMethodsOf(source);
     entry.key = LastDictionaryKeyGetter ? LastDictionaryKeyGetter(source, i) : nullptr;
+    useMethodsOf(source); // the host may have run anything meanwhile
     entry.value = LastDictionaryGetter ? LastDictionaryGetter(source, entry.key) : nullptr;
     if (entry.key) {
       id key = orNull(GetVariantAsNSObject(entry.key, nesting));

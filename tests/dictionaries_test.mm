@@ -466,6 +466,27 @@ TEST_P(DictionaryRules, ADictionaryThatLacksAMethodGivesWhatIsLeft) {
   EXPECT_EQ(print(feeder.convertDictionary(lacking({}))), "{}");
 }
 
+// While a key is read the host may run anything, another conversion too.
+TEST_P(DictionaryRules, EachReadUsesTheMethodsOfItsOwnDictionary) {
+  start();
+  Feeder feeder;
+  host::Object different = host::dictionary({{"other", 1}});
+  host::lackMethod(different, getter);
+  host::Object dictionary = host::dictionary({{"a", 1}, {"b", 2}});
+  bool running = false;
+  host::onRead(dictionary, [&] {
+    if (std::exchange(running, true)) return;
+    EXPECT_EQ(print(feeder.convertDictionary(different)), "{\"other\": null}");
+    running = false;
+  });
+  host::startLog();
+  EXPECT_EQ(print(feeder.convertDictionary(dictionary)), "{\"a\": l:1, \"b\": l:2}");
+  host::onRead(dictionary, {});
+  // Each key and each value is read behind a conversion of the other dictionary.
+  EXPECT_THAT(lookups(host::stopLog()),
+              ElementsAreArray(threeFor({"#1", "#2", "#1", "#2", "#1", "#2", "#1", "#2"})));
+}
+
 TEST_P(DictionaryRules, AnExceptionInTheMiddleLeavesNothingBehind) {
   start();
   Feeder feeder;
