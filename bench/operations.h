@@ -52,9 +52,16 @@ const std::vector<Operation>& operations();
 struct LookUps {
   unsigned classes; // of the host's, of Cocoa's, and operations of the host's
   unsigned methods; // of the object itself
+  friend bool operator==(const LookUps&, const LookUps&) = default;
 };
 LookUps lookUpsToHost();
 LookUps lookUpsToCocoa();
+
+// What these must be where nothing that is missing is remembered, and everything that was found is:
+// each superclass's wrapper and each class of a rule that is not loaded; each wrapper class, the
+// class of boxes if it is not loaded, and the method of files.
+LookUps impliedLookUpsToHost();
+LookUps impliedLookUpsToCocoa();
 
 // Until everything is found and cached.
 void callOnce(const Prepared& prepared, const Call& call);

@@ -109,7 +109,8 @@ std::string report(const Findings& findings) {
            std::to_string(found.methods) + " |\n";
   };
   text += "\n## Look-ups by name for an object that no wrapper class fits\n\nFor each such object "
-          "after the first, where the host has none of the family's classes. The object itself is "
+          "after the first, where the host has none of the family's classes. What was found is "
+          "remembered, what is missing is asked for again: it may come later. The object itself is "
           "asked for a method: that is how a file is known.\n\n"
           "| on its way | classes and operations | its own methods |\n|---|--:|--:|\n" +
           lookUps("to the host", findings.toHost) + lookUps("to Cocoa", findings.toCocoa);

@@ -34,17 +34,6 @@ template <class Value, class Find> inline Value found(Value& slot, Find find) {
   return value;
 }
 
-// As found(), but a null answer is kept too: the slot then holds its own address, which is no
-// value.
-template <class Value, class Find> inline Value foundOnce(Value& slot, Find find) {
-  auto nothing = reinterpret_cast<Value>(&slot);
-  Value value = found(slot, [&] {
-    Value first = find();
-    return first ? first : nothing;
-  });
-  return value == nothing ? nullptr : value;
-}
-
 template <Literal Name> inline SEL operator""_sel() {
   static SEL selector;
   return found(selector, [] { return sel_registerName(Name.text); });

@@ -178,7 +178,7 @@ id fromFolderItem(REALobjectStruct* object) {
 struct ObjectRule {
   const char* hostClass;
   id (*convert)(REALobjectStruct* object);
-  void* known; // once asked for
+  void* known; // once found
 };
 
 // A Cocoa object or Core Foundation reference, which stays the wrapper's.
@@ -327,13 +327,9 @@ ObjectRule objectRules[] = {
     {"CGLayerKVZ", firstField, nullptr},
 };
 
-// The family's plug-ins bring their classes before a program runs: what is missing is missing for
-// good, and asked for once.
 const ObjectRule* ruleOf(REALobjectStruct* object) {
-  if (!REALGetClassRef.resolve()) return nullptr;
   for (ObjectRule& rule : objectRules) {
-    void* type = foundOnce(rule.known, [&] { return REALGetClassRef(rule.hostClass); });
-    if (type && REALObjectIsA(object, type)) return &rule;
+    if (isOfClass(object, rule.hostClass, rule.known)) return &rule;
   }
   return nullptr;
 }
@@ -349,9 +345,7 @@ id fromObject(REALobjectStruct* object, Nesting nesting) {
     return NewNSDictionary(reinterpret_cast<_REALdictionary*>(object), nesting);
   }
   if (const ObjectRule* rule = ruleOf(object)) return rule->convert(object);
-  static Class known;
-  Class box = foundOnce(known, [] { return objc_getClass("KVZREALobjectWrapper"); });
-  return send<id>(asObject(box), "wrap:"_sel, object);
+  return send<id>("KVZREALobjectWrapper"_class, "wrap:"_sel, object);
 }
 
 constexpr std::int32_t kObjectCode = 9;

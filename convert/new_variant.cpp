@@ -26,62 +26,22 @@ REALobjectStruct* holding(REALobjectStruct* instance, id retained) {
   return instance;
 }
 
-// What the host has no wrapper class for: Cocoa classes, and the wrapper classes' own names where
-// they are fixed. All plug-ins bring their classes before a program runs, so what is missing is
-// missing for good. Where the table gets crowded, one takes the place of another, which is then
-// asked for again.
-constexpr std::size_t kMostMissing = 256;
-const void* missing[kMostMissing];
-
-const void*& placeOf(const void* key) {
-  constexpr std::size_t alignment = 8, farthest = 16;
-  std::size_t place = reinterpret_cast<std::uintptr_t>(key) / alignment % kMostMissing;
-  for (std::size_t i = 0; i < farthest && missing[place] && missing[place] != key; ++i) {
-    place = (place + 1) % kMostMissing;
-  }
-  return missing[place];
-}
-
-bool isMissing(const void* key) { return placeOf(key) == key; }
-
-void rememberMissing(const void* key) { placeOf(key) = key; }
-
-// Whether the host has the class though it made no instance; also when it cannot tell.
-bool mayExist(const char* className) {
-  return !REALGetClassRef.resolve() || REALGetClassRef(className);
-}
-
-REALobjectStruct* newWrapper(const char* className) {
-  if (isMissing(className)) return nullptr;
-  REALobjectStruct* instance = REALnewInstance(className);
-  if (!instance && !mayExist(className)) rememberMissing(className);
-  return instance;
-}
-
 // Longer class names have no wrapper class.
 constexpr std::size_t kLongestClassName = 199;
 
-// What ask(name) answers for the wrapper class of the type, or else of the nearest superclass for
-// which it answers something; null when it never does.
-template <class Ask> auto firstByClass(Class type, Ask ask) -> decltype(ask("")) {
-  for (; type; type = class_getSuperclass(type)) {
+// A wrapper of the object's class, or else of the nearest superclass for which the host has one.
+REALobjectStruct* wrappedByClass(id object) {
+  send<id>(object, "retain"_sel);
+  REALobjectStruct* instance = nullptr;
+  for (Class type = object_getClass(object); type && !instance; type = class_getSuperclass(type)) {
     const char* name = class_getName(type);
     std::size_t length = strlen(name);
     if (length > kLongestClassName) continue;
     char wrapperName[kLongestClassName + sizeof "KVZ"];
     memcpy(wrapperName, name, length);
     memcpy(wrapperName + length, "KVZ", sizeof "KVZ");
-    if (auto answer = ask(wrapperName)) return answer;
+    instance = REALnewInstance(wrapperName);
   }
-  return {};
-}
-
-REALobjectStruct* wrappedByClass(id object) {
-  Class type = object_getClass(object);
-  if (isMissing(type)) return nullptr;
-  send<id>(object, "retain"_sel);
-  REALobjectStruct* instance = firstByClass(type, REALnewInstance);
-  if (!instance && !firstByClass(type, mayExist)) rememberMissing(type);
   return holding(instance, object);
 }
 
@@ -178,7 +138,7 @@ REALobjectStruct* byClass(id object, const ClassRule&, Nesting) { return wrapped
 // An object that already has an instance never comes here: the registry was asked before.
 REALobjectStruct* byName(id object, const ClassRule& rule, Nesting) {
   send<id>(object, "retain"_sel);
-  REALobjectStruct* instance = holding(newWrapper(rule.wrapperName), object);
+  REALobjectStruct* instance = holding(REALnewInstance(rule.wrapperName), object);
   if (instance) enterInstance(object, instance);
   return instance;
 }
@@ -195,7 +155,7 @@ REALobjectStruct* unwrapped(id wrapper, const ClassRule&, Nesting) {
 template <class Struct, Literal Message>
 REALobjectStruct* structWrapper(id value, const char* wrapperName) {
   auto content = send<Struct>(value, operator""_sel<Message>());
-  REALobjectStruct* instance = newWrapper(wrapperName);
+  REALobjectStruct* instance = REALnewInstance(wrapperName);
   if (instance) familyRecord<Struct>(instance) = content;
   return instance;
 }
@@ -234,7 +194,7 @@ REALobjectStruct* fromValue(id value, const ClassRule&, Nesting) {
 }
 
 // The order is part of the design. A class that is not loaded matches nothing, and is asked for
-// again; but not for an object of a class that was there before it and found no wrapper class.
+// again.
 ClassRule classRules[] = {
     {"NSArray", fromElements, nullptr, nullptr},
     {"NSSet", fromSet, nullptr, nullptr},
@@ -269,7 +229,7 @@ constexpr std::uint32_t kCFWrapperTag = 0x52424346; // "RBCF"
 
 REALobjectStruct* wrappedImage(CFTypeRef image, const char* wrapperName) {
   CGImageRetain(image);
-  REALobjectStruct* instance = newWrapper(wrapperName);
+  REALobjectStruct* instance = REALnewInstance(wrapperName);
   if (instance) {
     familyRecord<CFTypeRef>(instance) = image;
   } else {
@@ -282,8 +242,8 @@ REALobjectStruct* wrappedCFObject(CFTypeRef object) {
   const CFTypeRule* rule = cfTypeRule(CFGetTypeID(object));
   if (rule && rule->isImage) return wrappedImage(object, rule->wrapperName);
   CFRetain(object);
-  REALobjectStruct* instance = rule ? newWrapper(rule->wrapperName) : nullptr;
-  if (!instance) instance = newWrapper("CFObjectKVZ");
+  REALobjectStruct* instance = rule ? REALnewInstance(rule->wrapperName) : nullptr;
+  if (!instance) instance = REALnewInstance("CFObjectKVZ");
   if (instance && familyRecord<CFWrapper>(instance).tag == kCFWrapperTag) {
     familyRecord<CFWrapper>(instance).object = object;
     return instance;
@@ -315,9 +275,7 @@ REALobjectStruct* NewVariantFromNSObject(id object, Nesting nesting) {
     return instance;
   }
   for (ClassRule& rule : classRules) {
-    Class type = found(rule.known, [&] {
-      return isMissing(object_getClass(object)) ? nullptr : objc_getClass(rule.cocoaClass);
-    });
+    Class type = found(rule.known, [&] { return objc_getClass(rule.cocoaClass); });
     if (type && isKindOf(object, asObject(type))) return rule.convert(object, rule, nesting);
   }
   REALobjectStruct* result = nullptr;

@@ -15,7 +15,6 @@ using conversion::Feeder;
 using conversion::print;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
-using testing::IsEmpty;
 
 namespace {
 
@@ -814,7 +813,56 @@ TEST_P(ToCocoaRules, ABaseClassCatchesItsSubclassesFirst) {
                           "NSPathControlKVZ", "NSObjectKVZ"));
 }
 
-TEST_P(ToCocoaRules, AClassIsAskedForOnceWhetherItIsThereOrNot) {
+TEST_P(ToCocoaRules, AWrapperClassThatTheHostGetsLaterIsFound) {
+  companion()->flatten(1);
+  start();
+  Feeder feeder;
+  Probe* probe = [[Probe new] autorelease];
+  std::map<const char*, host::Object> wrappers;
+  for (const char* name : {"NSPipeKVZ", "CGPathKVZ"}) {
+    *static_cast<id*>(host::data(wrappers[name] = host::create(name))) = [probe retain];
+    host::hideClass(name);
+  }
+  for (auto& [name, wrapper] : wrappers) {
+    host::Pool pool;
+    EXPECT_EQ(feeder.printed(wrapper), "KVZREALobjectWrapper");
+  }
+  for (auto& [name, wrapper] : wrappers) {
+    host::showClass(name);
+    EXPECT_EQ(feeder.convert(wrapper), probe);
+  }
+}
+
+TEST_P(ToCocoaRules, AWrapperClassWhoseLookUpFailedOnceIsFound) {
+  companion()->flatten(1);
+  start();
+  Feeder feeder;
+  Probe* probe = [[Probe new] autorelease];
+  host::Object wrapper = host::create("NSPathComponentCellKVZ");
+  *static_cast<id*>(host::data(wrapper)) = [probe retain];
+  host::failAlways("pluginObjectType");
+  {
+    host::Pool pool;
+    EXPECT_EQ(feeder.printed(wrapper), "KVZREALobjectWrapper");
+  }
+  host::clearFaults();
+  EXPECT_EQ(feeder.convert(wrapper), probe);
+}
+
+TEST_P(ToCocoaRules, TheClassOfBoxesThatIsLoadedLaterIsFound) {
+  companion()->provide(COMPANION_BOXES, 0);
+  start();
+  Feeder feeder;
+  host::defineClass("Thing");
+  host::Object thing = host::create("Thing");
+  EXPECT_EQ(feeder.printed(thing), "nil");
+  Class box = conversion::cocoaClass("KVZREALobjectWrapper");
+  class_addMethod(object_getClass(box), @selector(wrap:),
+                  reinterpret_cast<IMP>(+[](id, SEL, void*) -> id { return @"boxed"; }), "@@:^v");
+  EXPECT_EQ(feeder.printed(thing), "\"boxed\"");
+}
+
+TEST_P(ToCocoaRules, AClassIsAskedForUntilItIsFound) {
   start();
   Feeder feeder;
   host::defineClass("Thing");
@@ -829,7 +877,11 @@ TEST_P(ToCocoaRules, AClassIsAskedForOnceWhetherItIsThereOrNot) {
     return arguments(host::stopLog(), "pluginObjectType", 0);
   };
   EXPECT_EQ(asked().size(), allClasses().size());
-  EXPECT_THAT(asked(), IsEmpty());
+  EXPECT_THAT(asked(), ElementsAre("\"NSPipeKVZ\"", "\"CGPathKVZ\""));
+  EXPECT_THAT(asked(), ElementsAre("\"NSPipeKVZ\"", "\"CGPathKVZ\""));
+  host::showClass("NSPipeKVZ");
+  EXPECT_THAT(asked(), ElementsAre("\"NSPipeKVZ\"", "\"CGPathKVZ\""));
+  EXPECT_THAT(asked(), ElementsAre("\"CGPathKVZ\""));
 }
 
 // ---- Other objects

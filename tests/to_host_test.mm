@@ -568,27 +568,52 @@ TEST_P(ToHostRecords, TheWalkEndsAtTheFirstClassThatTheHostHas) {
   [view release];
 }
 
-TEST_P(ToHostRules, WithoutALookUpOfClassesTheWalkIsRepeated) {
+TEST_P(ToHostRules, TheWalkIsMadeForEachObjectWhoseWrapperIsMissing) {
   start();
   host::hideClass("NSObjectKVZ");
-  host::makeAbsent("pluginObjectType");
   id object = [[cocoaClass("NSStranger") new] autorelease];
   for (int i = 0; i < 2; ++i) {
     host::startLog();
     EXPECT_FALSE(toHost(object));
     EXPECT_THAT(firstArguments(host::stopLog(), "PluginNewInstance"),
-                testing::Contains("\"NSStrangerKVZ\""));
+                ElementsAre("\"Dictionary\"", "\"NSStrangerKVZ\"", "\"NSObjectKVZ\""));
   }
 }
 
-TEST_P(ToHostRules, AClassThatFindsNoWrapperIsNotWalkedAgain) {
+TEST_P(ToHostRules, AWrapperClassThatTheHostGetsLaterIsFound) {
+  start();
+  id stranger = [[cocoaClass("NSStranger") new] autorelease];
+  host::hideClass("NSObjectKVZ");
+  for (const char* name : {"NSErrorKVZ", "NSRectKVZ", "CFURLKVZ", "CFObjectKVZ"})
+    host::hideClass(name);
+  NSValue* rect = [NSValue valueWithRect:NSMakeRect(1, 2, 3, 4)];
+  id reference = [typeids_object(typeids_of("CFURLGetTypeID")) autorelease];
+  EXPECT_FALSE(toHost(stranger));
+  NSError* error = [NSError errorWithDomain:@"domain" code:7 userInfo:nil];
+  EXPECT_FALSE(toHost(error));
+  EXPECT_FALSE(toHost(rect));
+  EXPECT_FALSE(toHost(reference));
+  for (const char* name : {"NSObjectKVZ", "NSErrorKVZ", "NSRectKVZ", "CFURLKVZ"})
+    host::showClass(name);
+  host::defineClass("NSStrangerKVZ", "NSObjectKVZ");
+  EXPECT_EQ(host::className(toHost(stranger)), "NSStrangerKVZ");
+  EXPECT_EQ(host::className(toHost(error)), "NSErrorKVZ");
+  EXPECT_EQ(host::className(toHost(rect)), "NSRectKVZ");
+  EXPECT_EQ(host::className(toHost(reference)), "CFURLKVZ");
+}
+
+BOOL isAFont(id, SEL, Class type) { return type == objc_lookUpClass("NSFont"); }
+
+TEST_P(ToHostRules, ACocoaClassThatIsLoadedLaterIsFound) {
   start();
   host::hideClass("NSObjectKVZ");
-  id object = [[cocoaClass("NSStranger") new] autorelease];
-  EXPECT_FALSE(toHost(object));
-  host::startLog();
-  EXPECT_FALSE(toHost(object));
-  EXPECT_THAT(firstArguments(host::stopLog(), "PluginNewInstance"), ElementsAre("\"Dictionary\""));
+  ASSERT_FALSE(objc_lookUpClass("NSFont"));
+  id standsForAFont = [[cocoaClass("NSStranger") new] autorelease];
+  class_addMethod(object_getClass(standsForAFont), @selector(isKindOfClass:),
+                  reinterpret_cast<IMP>(isAFont), "c@:#");
+  EXPECT_FALSE(toHost(standsForAFont));
+  cocoaClass("NSFont");
+  EXPECT_EQ(host::className(toHost(standsForAFont)), "NSFontKVZ");
 }
 
 TEST_P(ToHostRules, AClassNameOver199CharactersIsPassedOver) {

@@ -13,6 +13,36 @@
 
 #include <cstdint>
 
+namespace floors {
+
+// The classes whose rules convert a Cocoa object, as far as they are loaded, in their order.
+inline constexpr const char* ruleClasses[] = {
+    "NSArray",
+    "NSSet",
+    "NSString",
+    "NSData",
+    "NSNumber",
+    "NSDate",
+    "NSDictionary",
+    "NSAttributedString",
+    "NSCalendar",
+    "NSError",
+    "NSRunningApplication",
+    "NSFont",
+    "NSFileHandle",
+    "NSCharacterSet",
+    "NSLocale",
+    "NSTimer",
+    "NSTimeZone",
+    "NSParagraphStyle",
+    "NSURL",
+    "KVZREALobjectWrapper",
+    "NSValue",
+};
+inline constexpr int kRuleClasses = sizeof ruleClasses / sizeof *ruleClasses;
+
+} // namespace floors
+
 extern "C" {
 
 struct FloorFacts {

@@ -168,32 +168,6 @@ struct Classes {
 #undef FIELD
 };
 
-// The classes whose rules convert a Cocoa object, as far as they are loaded, in their order.
-inline constexpr const char* ruleClasses[] = {
-    "NSArray",
-    "NSSet",
-    "NSString",
-    "NSData",
-    "NSNumber",
-    "NSDate",
-    "NSDictionary",
-    "NSAttributedString",
-    "NSCalendar",
-    "NSError",
-    "NSRunningApplication",
-    "NSFont",
-    "NSFileHandle",
-    "NSCharacterSet",
-    "NSLocale",
-    "NSTimer",
-    "NSTimeZone",
-    "NSParagraphStyle",
-    "NSURL",
-    "KVZREALobjectWrapper",
-    "NSValue",
-};
-inline constexpr int kRuleClasses = sizeof ruleClasses / sizeof *ruleClasses;
-
 extern Host host;
 extern Selectors sel;
 extern Classes cls;

@@ -234,10 +234,13 @@ struct CFFields {
   return instance;
 }
 
-// No class of the host's fits, which was found out before.
+// No class of the host's fits.
 [[gnu::noinline]] Object* fromUnknown(id object) {
   ask<21>(object);
   FRAME(send<BOOL>(object, sel.respondsTo, sel.cfTypeID););
+  send<id>(object, sel.retain);
+  newWrapper();
+  send<void>(object, sel.release);
   return nullptr;
 }
 
