@@ -96,11 +96,11 @@ function(macho_bundle target)
     COMMAND ${MACHO_PYTHON} -B "${MACHO_DIR}/bind.py" "${all}.s" "${all}.bound.s" ${MACHO_LISTS}
     COMMAND ${MACHO_CXX} ${MACHO_TARGET} -c "${all}.bound.s" -o "${all}.o"
     COMMAND ${MACHO_LINKER} ${MACHO_LINK_FLAGS} -bundle -exported_symbol _${MACHO_ENTRY}
-            "${all}.o" ${MACHO_LIBRARIES} -o "${arg_OUTPUT}.symbols"
+            "${all}.o" ${MACHO_LIBRARIES} -o "${all}.linked"
     COMMAND ${MACHO_LINKER} ${MACHO_LINK_FLAGS} -bundle -exported_symbol _${MACHO_ENTRY}
             -image_base 0x10000000 "${all}.o" ${MACHO_LIBRARIES} -o "${arg_OUTPUT}.elsewhere"
-    COMMAND ${MACHO_PYTHON} -B "${MACHO_DIR}/finish.py" "${arg_OUTPUT}.symbols" "${arg_OUTPUT}"
-            ${MACHO_LISTS}
+    COMMAND ${MACHO_PYTHON} -B "${MACHO_DIR}/finish.py" "${all}.linked"
+            "${arg_OUTPUT}" "${arg_OUTPUT}.symbols" ${MACHO_LISTS}
     DEPENDS ${modules} ${MACHO_LISTS} ${MACHO_LIBRARIES} "${MACHO_DIR}/bind.py"
             "${MACHO_DIR}/finish.py" "${MACHO_DIR}/imports.py"
     COMMENT "Mach-O bundle ${target}" VERBATIM)

@@ -12,16 +12,9 @@ using namespace macho;
 namespace {
 
 const std::map<std::uint32_t, const char*> commandNames = {
-    {LC_SEGMENT, "LC_SEGMENT"},
-    {LC_SYMTAB, "LC_SYMTAB"},
-    {LC_DYSYMTAB, "LC_DYSYMTAB"},
-    {LC_LOAD_DYLIB, "LC_LOAD_DYLIB"},
-    {LC_UUID, "LC_UUID"},
-    {LC_DYLD_INFO_ONLY, "LC_DYLD_INFO_ONLY"},
-    {LC_VERSION_MIN_MACOSX, "LC_VERSION_MIN_MACOSX"},
-    {LC_FUNCTION_STARTS, "LC_FUNCTION_STARTS"},
-    {LC_DATA_IN_CODE, "LC_DATA_IN_CODE"},
-    {LC_SOURCE_VERSION, "LC_SOURCE_VERSION"},
+    {LC_SEGMENT, "LC_SEGMENT"},   {LC_SYMTAB, "LC_SYMTAB"},
+    {LC_DYSYMTAB, "LC_DYSYMTAB"}, {LC_LOAD_DYLIB, "LC_LOAD_DYLIB"},
+    {LC_UUID, "LC_UUID"},         {LC_DYLD_INFO_ONLY, "LC_DYLD_INFO_ONLY"},
 };
 
 constexpr std::uint32_t headerSize = 28, pageSize = 4096;
@@ -103,14 +96,6 @@ private:
       return linkInformation();
     case LC_UUID:
       return exactly(24);
-    case LC_VERSION_MIN_MACOSX:
-      return exactly(16);
-    case LC_SOURCE_VERSION:
-      return exactly(16);
-    case LC_FUNCTION_STARTS:
-    case LC_DATA_IN_CODE:
-      exactly(16);
-      range(8);
     }
   }
 

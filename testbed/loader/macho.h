@@ -18,10 +18,6 @@ enum Command : std::uint32_t {
   LC_LOAD_DYLIB = 0xC,
   LC_UUID = 0x1B,
   LC_DYLD_INFO_ONLY = 0x80000022,
-  LC_VERSION_MIN_MACOSX = 0x24,
-  LC_FUNCTION_STARTS = 0x26,
-  LC_DATA_IN_CODE = 0x29,
-  LC_SOURCE_VERSION = 0x2A,
 };
 
 inline constexpr std::uint32_t mayRead = 1, mayWrite = 2, mayExecute = 4;

@@ -4,17 +4,22 @@ python3-macholib, llvm-objdump and llvm-nm.
     archive_test.py [TEST...], with the settings below in the environment
 """
 
+import hashlib
 import os
 import pathlib
 import re
+import shutil
 import struct
 import subprocess
 import sys
 import tempfile
 import unittest
+import uuid
 import zipfile
 
 from macholib.MachO import MachO
+
+import linkedit
 
 ROOT = pathlib.Path(os.environ["MACHO_ROOT"])
 WORK = pathlib.Path(os.environ["MACHO_WORK"])  # where the build keeps the bundle and its stages
@@ -36,7 +41,7 @@ CLASSES = {  # properties, methods, events, constants, shared methods
     "SUAppcastItemKVZ": (1, 11, 0, 0, 0),
     "SUUpdaterKVZ": (1, 16, 11, 0, 2),
     "SUAppcastKVZ": (1, 5, 0, 0, 0)}
-LC_DYSYMTAB, LC_VERSION_MIN_MACOSX, LC_DYLD_INFO_ONLY = 0xB, 0x24, 0x80000022
+LC_DYSYMTAB, LC_UUID, LC_DYLD_INFO_ONLY = 0xB, 0x1B, 0x80000022
 REGULAR, ZERO_FILL, STRINGS = 0, 1, 2
 
 
@@ -126,7 +131,11 @@ class Archive(unittest.TestCase):
     def test_building_again_elsewhere_gives_the_same_bytes(self):
         build = WORK.parent
         with tempfile.TemporaryDirectory() as folder:
-            # The build's own commands, carried out in another folder.
+            # The build's own commands, carried out on a copy of the sources in another folder.
+            copy = pathlib.Path(folder) / "copy"
+            for part in ("cmake", "plugin", "framework", "updater", "appcast", "convert", "cocoa"):
+                shutil.copytree(ROOT / part, copy / part)
+            sysroot = re.escape(str(ROOT / "build/sysroot"))
             for command in run(NINJA, "-C", str(build), "-t", "commands",
                                str(WORK / "SparkleKVZ.dylib")).splitlines():
                 if "macho" not in command:
@@ -136,10 +145,13 @@ class Archive(unittest.TestCase):
                     (other if pathlib.Path(path).is_dir() else other.parent).mkdir(
                         parents=True, exist_ok=True)
                 command = re.sub(r"&& \S*cmake -E cmake_transform_depfile .*", "", command)
-                subprocess.run(command.replace(str(build), folder), shell=True, check=True,
-                               capture_output=True)
+                command = command.replace(str(build), folder)
+                command = re.sub(rf"(?!{sysroot}){re.escape(str(ROOT))}\b", str(copy), command)
+                subprocess.run(command, shell=True, check=True, capture_output=True)
             again = pathlib.Path(folder) / WORK.relative_to(build) / "SparkleKVZ.dylib"
             self.assertEqual(bundle.bytes, again.read_bytes())
+            self.assertEqual((WORK / "SparkleKVZ.dylib.symbols").read_bytes(),
+                             pathlib.Path(f"{again}.symbols").read_bytes())
             archive = pathlib.Path(folder) / "again.zip"
             run(sys.executable, "-B", str(ROOT / "cmake/macho/archive.py"), str(archive),
                 *(f"{name}={again}" for name in NAMES), f"{CHANGES}={ROOT / 'CHANGELOG.md'}")
@@ -153,27 +165,38 @@ class Header(unittest.TestCase):
                          (header.magic, header.cputype, header.cpusubtype, header.filetype))
         self.assertEqual(0x1 | 0x4 | 0x80, header.flags)  # NOUNDEFS, DYLDLINK, TWOLEVEL
 
-    def test_wants_mac_os_x_10_6(self):
-        self.assertEqual(0x000A0600, bundle.command(LC_VERSION_MIN_MACOSX).version)
-
     def test_loads_the_six_libraries_by_their_install_names(self):
         loaded = [name.rstrip(b"\0").decode() for load, _, name in bundle.commands
                   if load.get_cmd_name() == "LC_LOAD_DYLIB"]
         self.assertEqual(list(LIBRARIES.values()), loaded)
 
     def test_has_no_other_load_commands(self):
-        self.assertEqual(
-            {"LC_SEGMENT", "LC_DYLD_INFO_ONLY", "LC_SYMTAB", "LC_DYSYMTAB", "LC_LOAD_DYLIB",
-             "LC_VERSION_MIN_MACOSX", "LC_SOURCE_VERSION", "LC_FUNCTION_STARTS",
-             "LC_DATA_IN_CODE"},
-            {load.get_cmd_name() for load, _, _ in bundle.commands})
+        self.assertEqual(linkedit.KNOWN, {load.get_cmd_name() for load, _, _ in bundle.commands})
+
+    def test_uuid_is_one_of_the_contents(self):
+        found = uuid.UUID(bytes=bytes(bundle.command(LC_UUID).uuid))
+        self.assertEqual((5, uuid.RFC_4122), (found.version, found.variant))
+        self.assertEqual(1, bundle.bytes.count(found.bytes))
+        contents = bundle.bytes.replace(found.bytes, bytes(16))
+        self.assertEqual(uuid.UUID(bytes=hashlib.sha1(contents).digest()[:16], version=5), found)
+
+    def test_uuid_leads_to_the_symbols(self):
+        (other,) = MachO(str(WORK / "SparkleKVZ.dylib.symbols")).headers
+        (found,) = [command.uuid for load, command, _ in other.commands if load.cmd == LC_UUID]
+        self.assertEqual(bundle.command(LC_UUID).uuid, found)
+
+    def test_there_is_room_for_the_load_command_of_a_signature(self):
+        header = bundle.macho.header
+        first = min(section.offset for section in bundle.sections.values() if section.offset)
+        self.assertGreaterEqual(first, 28 + header.sizeofcmds + 16)
+        self.assertEqual(b"", bundle.bytes[28 + header.sizeofcmds:first].strip(b"\0"))
 
     def test_is_small(self):
         self.assertLessEqual(len(bundle.bytes), 64 * 1024)
 
-    def test_file_ends_with_its_last_table(self):
-        linkedit, _ = bundle.segments["__LINKEDIT"]
-        self.assertEqual(len(bundle.bytes), linkedit.fileoff + linkedit.filesize)
+    def test_linker_data_is_as_the_tools_of_a_mac_want_it(self):
+        linkedit.walk(self, bundle.path)
+        linkedit.walk(self, WORK / "SparkleKVZ.dylib.symbols")
 
 
 class Symbols(unittest.TestCase):

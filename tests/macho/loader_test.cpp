@@ -195,8 +195,7 @@ void setWord(Bytes& bytes, std::size_t at, std::uint32_t word) {
 }
 
 constexpr std::uint32_t segmentCommand = 0x1, symbolCommand = 0x2, dynamicSymbolCommand = 0xB,
-                        libraryCommand = 0xC, linkCommand = 0x80000022, versionCommand = 0x24,
-                        sourceVersionCommand = 0x2A;
+                        libraryCommand = 0xC, linkCommand = 0x80000022, uuidCommand = 0x1B;
 
 // Offset of the n-th load command of a kind.
 std::size_t commandAt(const Bytes& bytes, std::uint32_t kind, int n = 0) {
@@ -323,17 +322,17 @@ INSTANTIATE_TEST_SUITE_P(
 INSTANTIATE_TEST_SUITE_P(
     Commands, Refuses,
     testing::Values(
-        Wrong{"Unknown", set(versionCommand, 0, 0x80000028), "load command ",
+        Wrong{"Unknown", set(uuidCommand, 0, 0x80000028), "load command ",
               "unknown load command 0x80000028"},
-        Wrong{"CodeSignature", set(sourceVersionCommand, 0, 0x1D), "load command ",
+        Wrong{"FunctionStarts", set(uuidCommand, 0, 0x26), "load command ",
+              "unknown load command 0x26"},
+        Wrong{"CodeSignature", set(uuidCommand, 0, 0x1D), "load command ",
               "unknown load command 0x1d"},
-        Wrong{"Twice", set(sourceVersionCommand, 0, versionCommand), "(LC_VERSION_MIN_MACOSX)",
-              "a second one"},
-        Wrong{"SizeZero", set(versionCommand, 4, 0), "(LC_VERSION_MIN_MACOSX)", "its size is 0x0"},
-        Wrong{"SizeOdd", set(versionCommand, 4, 18), "(LC_VERSION_MIN_MACOSX)", "its size is 0x12"},
-        Wrong{"SizeHuge", set(versionCommand, 4, 0xFFFFFFF0), "(LC_VERSION_MIN_MACOSX)",
-              "its size is 0xfffffff0"},
-        Wrong{"SizeOther", set(versionCommand, 4, 12), "(LC_VERSION_MIN_MACOSX)", "not 0x10"},
+        Wrong{"Twice", set(symbolCommand, 0, uuidCommand), "(LC_UUID)", "a second one"},
+        Wrong{"SizeZero", set(uuidCommand, 4, 0), "(LC_UUID)", "its size is 0x0"},
+        Wrong{"SizeOdd", set(uuidCommand, 4, 18), "(LC_UUID)", "its size is 0x12"},
+        Wrong{"SizeHuge", set(uuidCommand, 4, 0xFFFFFFF0), "(LC_UUID)", "its size is 0xfffffff0"},
+        Wrong{"SizeOther", set(uuidCommand, 4, 20), "(LC_UUID)", "not 0x18"},
         Wrong{"NoLinkInformation",
               [](Bytes& bytes) {
                 std::size_t at = commandAt(bytes, linkCommand);
@@ -406,12 +405,8 @@ INSTANTIATE_TEST_SUITE_P(
                     Wrong{"HeaderOutside",
                           [](Bytes& bytes) {
                             std::size_t at = commandAt(bytes, segmentCommand);
-                            setWord(bytes, at, 0x1B); // an LC_UUID of that size
-                            setWord(bytes, at + 4, 24);
-                            setWord(bytes, at + 24, libraryCommand);
-                            setWord(bytes, at + 28, wordAt(sample(), at + 4) - 24);
-                            setWord(bytes, at + 32, 24);
-                            setWord(bytes, 16, wordAt(bytes, 16) + 1);
+                            setWord(bytes, at, libraryCommand);
+                            setWord(bytes, at + 8, 24);
                           },
                           "load commands", "they do not lie in the first segment"},
                     Wrong{"SectionOutside", set(segmentCommand, firstSection + 36, 0x100000),

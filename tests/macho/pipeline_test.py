@@ -1,6 +1,6 @@
 """What the steps of the Mach-O build refuse, and with which words.
 
-    pipeline_test.py, with MACHO_ROOT in the environment
+    pipeline_test.py, with MACHO_ROOT, MACHO_CXX and MACHO_LINKER in the environment
 """
 
 import os
@@ -9,6 +9,8 @@ import subprocess
 import sys
 import tempfile
 import unittest
+
+import linkedit
 
 STEPS = pathlib.Path(os.environ["MACHO_ROOT"]) / "cmake/macho"
 LISTS = {"system.txt": "library /usr/lib/libOne.dylib\nstrlen\nfree\n\n# a comment\n",
@@ -114,6 +116,37 @@ class Steps(unittest.TestCase):
         self.assertEqual(0, code)
         for symbol in ("_strlen", "_free", "dyld_stub_binder"):
             self.assertIn(f"\t.globl\t{symbol}\n{symbol}:", output.read_text())
+
+    def link(self, assembly, lists):
+        """The finished bundle and the one with all symbols."""
+        assemble = [os.environ["MACHO_CXX"], "-target", "i386-apple-macosx10.6", "-c"]
+        link = [os.environ["MACHO_LINKER"], "-arch", "i386", "-macosx_version_min", "10.6",
+                "-sdk_version", "10.6"]
+        path = {name: str(self.folder / name) for name in ("bound.o", "linked", "done", "symbols")}
+        stubs, listed = [], [self.write(*entry) for entry in lists.items()]
+        for list_path in listed:
+            stub = list_path + ".dylib"
+            self.assertEqual((0, ""), self.run_step("stub_library.py", list_path, stub + ".s"))
+            subprocess.run([*assemble, stub + ".s", "-o", stub + ".o"], check=True)
+            subprocess.run([*link, "-dylib", "-install_name", "/" + stub, stub + ".o", "-o", stub],
+                           check=True)
+            stubs.append(stub)
+        self.bind(assembly, lists)
+        subprocess.run([*assemble, str(self.folder / "bound.s"), "-o", path["bound.o"]], check=True)
+        subprocess.run([*link, "-bundle", "-exported_symbol", "_REALPluginMain", path["bound.o"],
+                        *stubs, "-o", path["linked"]], check=True)
+        self.assertEqual((0, ""), self.run_step("finish.py", path["linked"], path["done"],
+                                                path["symbols"], *listed))
+        return pathlib.Path(path["done"]), pathlib.Path(path["symbols"])
+
+    def test_linker_data_is_packed_whatever_the_length_of_a_name(self):
+        table = "\t.globl\t_REALPluginMain\n\t.section\t__DATA,__data\n_table:\n\t.long\t_helper\n"
+        for name in ("read", "write", "strlen", "memmove"):
+            with self.subTest(name):
+                done, symbols = self.link(CALLS.format(name) + table,
+                                          {"list.txt": f"library /x\n{name}\n"})
+                linkedit.walk(self, done)
+                #                linkedit.walk(self, symbols)
 
     def test_an_archive_depends_on_its_contents_alone(self):
         one, two = self.write("one", "1" * 1000), self.write("two", "2")
