@@ -5,11 +5,20 @@ BUILD    := build/$(PRESET)
 # The system root's own tables, without which GNUstep's text conversions fall back.
 export GCONV_PATH := $(CURDIR)/build/sysroot/usr/lib/i386-linux-gnu/gconv
 
-.PHONY: help setup build demo test plugin torture fuzz soak coverage bench format check-format clean
+.PHONY: help setup build demo test plugin torture fuzz soak coverage bench format check-format \
+        check-setup clean
 
 CYCLES  := 100000
 STRESS  := 60
 SECONDS := 60
+
+# A misspelt setting would do nothing, without a word.
+SETTINGS := CHECK COMPARATOR CYCLES FEED HOST PLUGIN SANITIZE SECONDS STRESS
+UNKNOWN  := $(filter-out $(SETTINGS),$(foreach name,$(.VARIABLES),$(if \
+              $(filter command,$(origin $(name))),$(name))))
+ifneq ($(UNKNOWN),)
+  $(error There is no setting $(UNKNOWN). There are: $(SETTINGS); `make' says what they do)
+endif
 
 help:
 	@sed -n 's/^#: //p' Makefile
@@ -25,6 +34,7 @@ help:
 #: make soak      CYCLES=100000 update checks in a row, then 8 threads for STRESS=60 seconds
 #: make bench     the plug-in's cost beside the least it can cost, into bench/results.md
 #: make format    format the sources
+#: make check-setup  set up and run the demo as a newcomer without root, in a folder with a space
 #: make clean     remove what was built, but keep the 32-bit system root
 
 setup:
@@ -69,6 +79,14 @@ check-format: setup
 
 format: setup
 	@tools/format
+
+check-setup: setup
+	@tools/check-setup
+
+.DEFAULT:
+	@echo "There is no target '$@'. There are:" >&2
+	@$(MAKE) --no-print-directory help >&2
+	@exit 2
 
 clean:
 	rm -rf build/dev build/sanitize build/coverage build/bench dist

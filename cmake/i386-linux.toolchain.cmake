@@ -7,6 +7,9 @@ set(CMAKE_SYSTEM_PROCESSOR i686)
 get_filename_component(root "${CMAKE_CURRENT_LIST_DIR}/.." ABSOLUTE)
 set(SYSROOT "${root}/build/sysroot")
 set(CMAKE_SYSROOT "${SYSROOT}")
+if(NOT EXISTS "${SYSROOT}/usr/lib/i386-linux-gnu/libc.so")
+  message(FATAL_ERROR "The 32-bit system root ${SYSROOT} is not there. Run tools/setup, then try again.")
+endif()
 
 # Whole paths: for Objective-C CMake looks nothing up itself.
 find_program(CLANG clang-14 REQUIRED)
@@ -29,8 +32,10 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
+# In quotation marks, since the clone may lie in a folder with a space in its name.
 set(rpath "${SYSROOT}/usr/lib/i386-linux-gnu:${SYSROOT}/lib/i386-linux-gnu:${SYSROOT}/usr/lib")
-set(link_flags "-fuse-ld=lld-14 -Wl,--disable-new-dtags -Wl,-rpath,${rpath} -Wl,-z,now")
-set(CMAKE_EXE_LINKER_FLAGS_INIT "${link_flags} -Wl,--dynamic-linker=${SYSROOT}/lib/ld-linux.so.2")
+set(link_flags "-fuse-ld=lld-14 -Wl,--disable-new-dtags \"-Wl,-rpath,${rpath}\" -Wl,-z,now")
+set(CMAKE_EXE_LINKER_FLAGS_INIT
+  "${link_flags} \"-Wl,--dynamic-linker=${SYSROOT}/lib/ld-linux.so.2\"")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "${link_flags}")
 set(CMAKE_MODULE_LINKER_FLAGS_INIT "${link_flags}")

@@ -8,6 +8,7 @@
 
 #include "testbed/cocoa/faults.h"
 #include "testbed/cocoa/files.h"
+#include "testbed/server/release.h"
 
 #include <gmock/gmock.h>
 
@@ -135,6 +136,7 @@ protected:
     session::TestBase::SetUp();
     session::start("2013.03");
     root = std::filesystem::canonical(session::folder());
+    escapedRoot = testbed::percent_escaped(root);
     host::subclass("Feeding", "SUUpdaterKVZ",
                    {{"feedParametersForUpdater(sendingProfile as boolean) as dictionary()",
                      [this](host::Event&) { return host::Value(parameters); }}});
@@ -206,7 +208,7 @@ protected:
 
   std::vector<std::string> operations() const { return namesOf(log); }
 
-  std::string root;
+  std::string root, escapedRoot;
   std::vector<host::LogEntry> log;
 
 private:
@@ -224,52 +226,52 @@ TEST_F(Files, NoFolderItemIsNoURL) {
 }
 
 TEST_F(Files, AnExistingFileIsItsURL) {
-  EXPECT_EQ(url(file("there.txt")), "file://" + root + "/there.txt");
+  EXPECT_EQ(url(file("there.txt")), "file://" + escapedRoot + "/there.txt");
   EXPECT_THAT(operations(), ElementsAre(refFromItem));
   EXPECT_EQ(log[0].arguments.at(2), "nil") << "the name is asked for although the file is there";
 }
 
 TEST_F(Files, AnExistingFolderIsMarkedAsOne) {
-  EXPECT_EQ(url(folder("there")), "file://" + root + "/there/");
+  EXPECT_EQ(url(folder("there")), "file://" + escapedRoot + "/there/");
   EXPECT_THAT(operations(), ElementsAre(refFromItem));
 }
 
 TEST_F(Files, TheRootOfAVolumeIsItsURL) { EXPECT_EQ(url("/"), "file:///"); }
 
 TEST_F(Files, AnExistingNameStandsInTheURLAsItStandsOnDisk) {
-  EXPECT_EQ(url(file("caf\xC3\xA9 100%.txt")), "file://" + root + "/caf%C3%A9%20100%25.txt");
-  EXPECT_EQ(url(file("cafe\xCC\x81")), "file://" + root + "/cafe%CC%81");
+  EXPECT_EQ(url(file("caf\xC3\xA9 100%.txt")), "file://" + escapedRoot + "/caf%C3%A9%20100%25.txt");
+  EXPECT_EQ(url(file("cafe\xCC\x81")), "file://" + escapedRoot + "/cafe%CC%81");
 }
 
 TEST_F(Files, AMissingFileIsAppendedToItsFolderAndNotMarkedAsOne) {
-  EXPECT_EQ(url(folder("there") + "/missing.app"), "file://" + root + "/there/missing.app");
+  EXPECT_EQ(url(folder("there") + "/missing.app"), "file://" + escapedRoot + "/there/missing.app");
   EXPECT_THAT(operations(), ElementsAre(refFromItem, refFromItem));
   EXPECT_EQ(log[0].arguments.at(2), "nil");
   EXPECT_NE(log[1].arguments.at(2), "nil") << "the name was not asked for";
 }
 
 TEST_F(Files, AMissingNameIsDecomposed) {
-  EXPECT_EQ(url(root + "/caf\xC3\xA9"), "file://" + root + "/cafe%CC%81");
-  EXPECT_EQ(url(root + "/cafe\xCC\x81"), "file://" + root + "/cafe%CC%81");
+  EXPECT_EQ(url(root + "/caf\xC3\xA9"), "file://" + escapedRoot + "/cafe%CC%81");
+  EXPECT_EQ(url(root + "/cafe\xCC\x81"), "file://" + escapedRoot + "/cafe%CC%81");
   // A letter with two marks, and a Hangul syllable.
-  EXPECT_EQ(url(root + "/\xE1\xBB\x87"), "file://" + root + "/e%CC%A3%CC%82");
-  EXPECT_EQ(url(root + "/\xEA\xB0\x80"), "file://" + root + "/%E1%84%80%E1%85%A1");
+  EXPECT_EQ(url(root + "/\xE1\xBB\x87"), "file://" + escapedRoot + "/e%CC%A3%CC%82");
+  EXPECT_EQ(url(root + "/\xEA\xB0\x80"), "file://" + escapedRoot + "/%E1%84%80%E1%85%A1");
 }
 
 TEST_F(Files, AMissingFileKeepsTheFormOfItsFolder) {
   EXPECT_EQ(url(folder("caf\xC3\xA9") + "/caf\xC3\xA9"),
-            "file://" + root + "/caf%C3%A9/cafe%CC%81");
+            "file://" + escapedRoot + "/caf%C3%A9/cafe%CC%81");
 }
 
 TEST_F(Files, AMissingNameOf255UnitsIsWhole) {
   std::string name = repeated("n", 255);
-  EXPECT_EQ(url(root + "/" + name), "file://" + root + "/" + name);
+  EXPECT_EQ(url(root + "/" + name), "file://" + escapedRoot + "/" + name);
 }
 
 TEST_F(Files, AMissingNameIsTheHostsNotThePaths) {
   host::Object item = host::folderItem(root + "/missing");
   host::setLeafName(item, u"caf\u00E9 else");
-  EXPECT_EQ(url(item), "file://" + root + "/cafe%CC%81%20else");
+  EXPECT_EQ(url(item), "file://" + escapedRoot + "/cafe%CC%81%20else");
 }
 
 TEST_F(Files, AMissingNameInAMissingFolderIsNoURL) {
@@ -297,7 +299,7 @@ TEST_F(Files, AMissingNameThatCannotBeMadeGoesTheOldWay) {
 
 TEST_F(Files, AMissingNameThatCannotBeCopiedIsUsedAsItIs) {
   Failing failing("CFStringCreateMutableCopy", 1);
-  EXPECT_EQ(url(root + "/caf\xC3\xA9"), "file://" + root + "/caf%C3%A9");
+  EXPECT_EQ(url(root + "/caf\xC3\xA9"), "file://" + escapedRoot + "/caf%C3%A9");
 }
 
 TEST_F(Files, AMissingNameThatCannotBeAppendedIsNoURLWithoutTheOldWay) {
@@ -315,7 +317,7 @@ TEST_F(Files, AMissingNameThatCannotBeAppendedIsNoURLWithoutTheOldWay) {
 TEST_F(Files, AnExistingFileWithoutAURLOfItsOwnIsAppendedToItsFolder) {
   std::string there = file("caf\xC3\xA9");
   Failing failing("CFURLCreateFromFSRef", 1);
-  EXPECT_EQ(url(there), "file://" + root + "/cafe%CC%81");
+  EXPECT_EQ(url(there), "file://" + escapedRoot + "/cafe%CC%81");
   EXPECT_THAT(operations(), ElementsAre(refFromItem, refFromItem));
 }
 
@@ -323,7 +325,7 @@ TEST_F(Files, AnExistingFileWithoutAURLForItsFolderGoesTheOldWay) {
   std::string there = file("there");
   {
     Failing failing("CFURLCreateFromFSRef", 1, 2);
-    EXPECT_EQ(url(there), "file://" + root + "/there");
+    EXPECT_EQ(url(there), "file://" + escapedRoot + "/there");
     EXPECT_THAT(operations(), ElementsAre(refFromItem, refFromItem, specFromItem));
   }
   Failing failing("CFURLCreateFromFSRef", 1, 3);
@@ -333,11 +335,12 @@ TEST_F(Files, AnExistingFileWithoutAURLForItsFolderGoesTheOldWay) {
 TEST_F(Files, TheOldWayLeadsToAnExistingFile) {
   std::string there = file("there");
   host::failAlways(refFromItem);
-  EXPECT_EQ(url(there), "file://" + root + "/there");
+  EXPECT_EQ(url(there), "file://" + escapedRoot + "/there");
   EXPECT_THAT(operations(), ElementsAre(refFromItem, refFromItem, specFromItem));
   // Too long for the old form of a name, and nothing that Mac Roman knows.
-  EXPECT_EQ(url(file(repeated("long ", 10))), "file://" + root + "/" + repeated("long%20", 10));
-  EXPECT_EQ(url(file("\xE2\x84\x95")), "file://" + root + "/%E2%84%95");
+  EXPECT_EQ(url(file(repeated("long ", 10))),
+            "file://" + escapedRoot + "/" + repeated("long%20", 10));
+  EXPECT_EQ(url(file("\xE2\x84\x95")), "file://" + escapedRoot + "/%E2%84%95");
 }
 
 TEST_F(Files, TheOldWayNeedsTheHostToKnowTheFile) {
@@ -373,15 +376,16 @@ TEST_F(Files, ReferencesGoBackWithEveryFolderItem) {
 // ---------------------------------------------------------------------------
 
 TEST_F(Files, AnExistingFilesURLIsItsFolderItem) {
-  EXPECT_EQ(pathOfText("file://" + file("there.txt")), root + "/there.txt");
+  EXPECT_EQ(pathOfText("file://" + testbed::percent_escaped(file("there.txt"))),
+            root + "/there.txt");
   EXPECT_THAT(operations(), ElementsAre(itemFromParent));
-  EXPECT_EQ(pathOfText("file://localhost" + root + "/there.txt"), root + "/there.txt");
+  EXPECT_EQ(pathOfText("file://localhost" + escapedRoot + "/there.txt"), root + "/there.txt");
 }
 
 TEST_F(Files, AnExistingFoldersURLIsItsFolderItem) {
   folder("there");
-  EXPECT_EQ(pathOfText("file://" + root + "/there/"), root + "/there");
-  EXPECT_EQ(pathOfText("file://" + root + "/there"), root + "/there");
+  EXPECT_EQ(pathOfText("file://" + escapedRoot + "/there/"), root + "/there");
+  EXPECT_EQ(pathOfText("file://" + escapedRoot + "/there"), root + "/there");
   EXPECT_THAT(operations(), ElementsAre(itemFromParent));
 }
 
@@ -396,9 +400,9 @@ TEST_F(Files, TheRootOfAVolumeGoesTheOldWay) {
   std::string volume = folder("Volume");
   std::string onVolume = file("Volume/file");
   ASSERT_TRUE(files_declare_volume(volume));
-  EXPECT_EQ(pathOfText("file://" + volume + "/"), volume);
+  EXPECT_EQ(pathOfText("file://" + testbed::percent_escaped(volume) + "/"), volume);
   EXPECT_THAT(operations(), ElementsAre(itemFromSpec));
-  EXPECT_EQ(pathOfText("file://" + onVolume), onVolume);
+  EXPECT_EQ(pathOfText("file://" + testbed::percent_escaped(onVolume)), onVolume);
   EXPECT_THAT(operations(), ElementsAre(itemFromParent));
 }
 
@@ -410,33 +414,34 @@ TEST_F(Files, TheRootOfAVolumeGoesTheOldWayWhateverIsSaidToBeItsParent) {
 }
 
 TEST_F(Files, AMissingFilesURLIsAFolderItemForIt) {
-  EXPECT_EQ(pathOfText("file://" + root + "/missing%20file.app"), root + "/missing file.app");
+  EXPECT_EQ(pathOfText("file://" + escapedRoot + "/missing%20file.app"),
+            root + "/missing file.app");
   EXPECT_THAT(operations(), ElementsAre(itemFromParent));
-  EXPECT_EQ(pathOfText("file://" + root + "/missing.app/"), root + "/missing.app");
+  EXPECT_EQ(pathOfText("file://" + escapedRoot + "/missing.app/"), root + "/missing.app");
 }
 
 TEST_F(Files, AMissingNameIsDecomposedForTheHost) {
-  EXPECT_EQ(pathOfText("file://" + root + "/caf%C3%A9"), root + "/cafe\xCC\x81");
-  EXPECT_EQ(pathOfText("file://" + root + "/cafe%CC%81"), root + "/cafe\xCC\x81");
+  EXPECT_EQ(pathOfText("file://" + escapedRoot + "/caf%C3%A9"), root + "/cafe\xCC\x81");
+  EXPECT_EQ(pathOfText("file://" + escapedRoot + "/cafe%CC%81"), root + "/cafe\xCC\x81");
 }
 
 TEST_F(Files, AMissingFileInAMissingFolderIsNoFolderItem) {
-  EXPECT_EQ(pathOfText("file://" + root + "/none/missing"), "nil");
+  EXPECT_EQ(pathOfText("file://" + escapedRoot + "/none/missing"), "nil");
   EXPECT_THAT(operations(), IsEmpty());
 }
 
 TEST_F(Files, AMissingNameIsCutAt255Units) {
   for (size_t length : {254, 255, 256, 300, 5000})
-    EXPECT_EQ(pathOfText("file://" + root + "/" + repeated("n", length)),
+    EXPECT_EQ(pathOfText("file://" + escapedRoot + "/" + repeated("n", length)),
               root + "/" + repeated("n", std::min<size_t>(length, 255)))
         << length;
   // Decomposed it has two units a letter, and the cut parts the last from its mark.
-  EXPECT_EQ(pathOfText("file://" + root + "/" + repeated("%C3%A9", 200)),
+  EXPECT_EQ(pathOfText("file://" + escapedRoot + "/" + repeated("%C3%A9", 200)),
             root + "/" + repeated("e\xCC\x81", 127) + "e");
 }
 
 TEST_F(Files, ACutThroughASurrogatePairIsForTheHostToJudge) {
-  EXPECT_EQ(pathOfText("file://" + root + "/" + repeated("n", 254) + "%F0%9F%98%80"), "nil");
+  EXPECT_EQ(pathOfText("file://" + escapedRoot + "/" + repeated("n", 254) + "%F0%9F%98%80"), "nil");
   EXPECT_THAT(operations(), ElementsAre(itemFromParent));
 }
 
@@ -454,7 +459,7 @@ TEST_F(Files, AnExistingFileOfWhichTheSystemKnowsTooLittleGoesTheOldWay) {
   std::string there = file("there");
   for (unsigned long nth : {1, 2, 3}) {
     Failing failing("FSGetCatalogInfo", nth);
-    EXPECT_EQ(pathOfText("file://" + there), there) << nth;
+    EXPECT_EQ(pathOfText("file://" + testbed::percent_escaped(there)), there) << nth;
     EXPECT_THAT(operations(), ElementsAre(itemFromSpec)) << nth;
   }
 }
@@ -463,7 +468,7 @@ TEST_F(Files, AnExistingFileOfWhichTheSystemKnowsNothingIsNoFolderItem) {
   std::string there = file("there");
   for (unsigned long nth : {1, 2, 3}) {
     Failing failing("FSGetCatalogInfo", nth, 4);
-    EXPECT_EQ(pathOfText("file://" + there), "nil") << nth;
+    EXPECT_EQ(pathOfText("file://" + testbed::percent_escaped(there)), "nil") << nth;
     EXPECT_THAT(operations(), IsEmpty()) << nth;
   }
   Failing failing("FSGetCatalogInfo", 4);
@@ -486,21 +491,21 @@ TEST_F(Files, AMissingFileNeedsCoreFoundationForItsFolderAndName) {
   for (const char* function :
        {"CFURLCreateCopyDeletingLastPathComponent", "CFURLCopyLastPathComponent"}) {
     Failing failing(function, 1);
-    EXPECT_EQ(pathOfText("file://" + root + "/missing"), "nil") << function;
+    EXPECT_EQ(pathOfText("file://" + escapedRoot + "/missing"), "nil") << function;
     EXPECT_THAT(operations(), IsEmpty()) << function;
   }
 }
 
 TEST_F(Files, AMissingNameThatCannotBeCopiedReachesTheHostAsItIs) {
   Failing failing("CFStringCreateMutableCopy", 1);
-  EXPECT_EQ(pathOfText("file://" + root + "/caf%C3%A9"), root + "/caf\xC3\xA9");
+  EXPECT_EQ(pathOfText("file://" + escapedRoot + "/caf%C3%A9"), root + "/caf\xC3\xA9");
 }
 
 TEST_F(Files, WhatTheHostRefusesIsNoFolderItem) {
   file("there");
   for (const char* name : {"/there", "/missing"}) {
     host::failCall(itemFromParent);
-    EXPECT_EQ(pathOfText("file://" + root + name), "nil");
+    EXPECT_EQ(pathOfText("file://" + escapedRoot + name), "nil");
     EXPECT_THAT(operations(), ElementsAre(itemFromParent)) << "the old way was tried as well";
   }
   host::failCall(itemFromSpec);
@@ -510,8 +515,8 @@ TEST_F(Files, WhatTheHostRefusesIsNoFolderItem) {
 TEST_F(Files, AFolderItemComesWithOneReference) {
   file("there");
   for (const char* url : {"/there", "/missing"}) {
-    host::Object item = toHost(
-        [NSURL URLWithString:[NSString stringWithUTF8String:("file://" + root + url).c_str()]]);
+    host::Object item = toHost([NSURL
+        URLWithString:[NSString stringWithUTF8String:("file://" + escapedRoot + url).c_str()]]);
     EXPECT_EQ(host::referenceCount(item), 1) << url;
   }
 }
@@ -579,7 +584,9 @@ TEST_P(LackingFiles, AskForTheOperationAtEachUseUntilItIsThere) {
   file("there");
   std::string path = lack.path ? root + "/" + lack.path : "/";
   std::string present = lack.whilePresent ? lack.whilePresent : path;
-  auto use = [&] { return lack.toCocoa ? url(path) : pathOfText("file://" + path); };
+  auto use = [&] {
+    return lack.toCocoa ? url(path) : pathOfText("file://" + testbed::percent_escaped(path));
+  };
   host::resetCounts();
   host::makeAbsent(lack.operation);
   for (unsigned uses : {1, 2}) {
@@ -588,7 +595,7 @@ TEST_P(LackingFiles, AskForTheOperationAtEachUseUntilItIsThere) {
     EXPECT_EQ(host::calls(lack.operation), 0u);
   }
   host::makePresent(lack.operation);
-  if (lack.toCocoa && !lack.whilePresent) present = "file://" + path;
+  if (lack.toCocoa && !lack.whilePresent) present = "file://" + testbed::percent_escaped(path);
   for (unsigned uses : {1, 2}) {
     EXPECT_EQ(use(), present) << uses;
     EXPECT_EQ(host::lookups(lack.operation), 2 * lack.lookupsPerUse + 1);
@@ -610,7 +617,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(Files, AHostWithoutReferencesGoesTheOldWay) {
   host::makeAbsent(refFromItem);
-  EXPECT_EQ(url(file("there")), "file://" + root + "/there");
+  EXPECT_EQ(url(file("there")), "file://" + escapedRoot + "/there");
   EXPECT_THAT(operations(), ElementsAre(specFromItem));
   EXPECT_EQ(host::lookups(refFromItem), 2u);
 }
@@ -632,7 +639,8 @@ TEST_P(FileWays, LeaveNothingBehind) {
   const Way& way = GetParam();
   file("there");
   std::string path = root + "/" + way.path;
-  NSURL* url = [NSURL URLWithString:[NSString stringWithFormat:@"file://%s", path.c_str()]];
+  NSURL* url = [NSURL
+      URLWithString:[NSString stringWithFormat:@"file://%s/%s", escapedRoot.c_str(), way.path]];
   host::Object item = host::folderItem(path);
   auto once = [&] {
     std::optional<Failing> failing;

@@ -4,6 +4,7 @@
 #include "conversion.h"
 
 #include "testbed/cocoa/typeids.h"
+#include "testbed/server/release.h"
 
 #include <gmock/gmock.h>
 
@@ -523,13 +524,14 @@ TEST_P(ToCocoa, AFolderItemGivesAFileURL) {
   start();
   Feeder feeder;
   std::string path = session::folder() + "/some file";
-  EXPECT_EQ(feeder.printed(host::folderItem(path)), "file://" + session::folder() + "/some%20file");
+  EXPECT_EQ(feeder.printed(host::folderItem(path)),
+            "file://" + testbed::percent_escaped(session::folder()) + "/some%20file");
   std::ofstream(path) << "content";
   NSURL* url = feeder.convert(host::folderItem(path));
   EXPECT_TRUE([url isFileURL]);
   EXPECT_EQ(std::string([[url path] UTF8String]), path);
   EXPECT_EQ(feeder.printed(host::folderItem(session::folder())),
-            "file://" + session::folder() + "/");
+            "file://" + testbed::percent_escaped(session::folder()) + "/");
   EXPECT_EQ(feeder.printed(host::folderItem(session::folder() + "/no/where")), "nil");
 }
 

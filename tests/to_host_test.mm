@@ -5,6 +5,7 @@
 #include "unreported.h"
 
 #include "testbed/cocoa/typeids.h"
+#include "testbed/server/release.h"
 
 #include <gmock/gmock.h>
 
@@ -746,7 +747,7 @@ TEST_P(ToHostRules, AURLOfAMissingFileGivesAFolderItemWhileItsFolderExists) {
   std::string path = session::folder() + "/missing";
   EXPECT_EQ(described([NSURL fileURLWithPath:text(path)]), "FolderItem \"" + path + "\"");
   NSURL* lost = [NSURL fileURLWithPath:text(path + "/deeper")];
-  EXPECT_EQ(described(lost), "\"file://" + path + "/deeper\"");
+  EXPECT_EQ(described(lost), "\"file://" + testbed::percent_escaped(path) + "/deeper\"");
 }
 
 TEST_P(ToHost, AURLOfANetworkSchemeGivesItsAbsoluteString) {

@@ -77,7 +77,7 @@ function(macho_bundle target)
     list(APPEND modules "${module}")
     add_custom_command(OUTPUT "${module}"
       COMMAND ${MACHO_CXX} ${MACHO_COMPILE_FLAGS} -emit-llvm
-              -MD -MF "${module}.d" -MT "${module}"
+              -MD -MF "${module}.d" -MQ "${module}"
               -c "${MACHO_ROOT}/${source}" -o "${module}"
       DEPENDS "${MACHO_ROOT}/${source}" DEPFILE "${module}.d"
       COMMENT "Mach-O module ${source}" VERBATIM)

@@ -2,7 +2,9 @@
 
 #include <archive.h>
 #include <archive_entry.h>
+#include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -143,6 +145,17 @@ void write_entry(archive* to, const Entry& from) {
 }
 
 } // namespace
+
+std::string percent_escaped(const std::string& path) {
+  std::string text;
+  for (unsigned char byte : path) {
+    char escape[4];
+    bool plain = std::isalnum(byte) || strchr("/-._~!$&'()*+,=:@", byte);
+    snprintf(escape, sizeof escape, plain ? "%c" : "%%%02X", byte);
+    text += escape;
+  }
+  return text;
+}
 
 Folder::Folder() {
   const std::filesystem::path base = TESTBED_TMP;

@@ -27,6 +27,9 @@ private:
   std::filesystem::path path_;
 };
 
+// A path as it stands in a file URL.
+std::string percent_escaped(const std::string& path);
+
 // DSA, 2048 bits, in PEM form. The domain parameters are fixed, so that a pair is made in no time.
 struct KeyPair {
   std::string private_pem;

@@ -114,7 +114,8 @@ void check() {
   [center addObserver:observer selector:@selector(step:) name:SUUpdaterStepNotification object:nil];
   host::Object updater = make("OwnSUUpdaterKVZ");
   member(updater, "Constructor(Bundle as folderitem)", {host::folderItem(bundle)});
-  assign(updater, "feedURL as string", "file://" + (folder / "appcast.xml").string());
+  assign(updater, "feedURL as string",
+         "file://" + testbed::percent_escaped(folder / "appcast.xml"));
   SUUpdater* framework =
       updater ? reinterpret_cast<SUUpdater*>(host::get<uint32_t>(updater, "Handle")) : nil;
   bool started = false;

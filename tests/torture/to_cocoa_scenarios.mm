@@ -5,6 +5,7 @@
 #include "stage.h"
 
 #include "testbed/companion/companion.h"
+#include "testbed/server/release.h"
 
 namespace torture {
 
@@ -112,8 +113,8 @@ void objects() {
   host::Object inner = host::dictionary({{"k", "deep"}});
   expectAll({
       {"block", host::memoryBlock("bytes"), "data bytes", {box, "data "}},
-      {"file", host::folderItem(file), "file://" + file, {box}},
-      {"missing", host::folderItem(missing), "file://" + missing, {box}},
+      {"file", host::folderItem(file), "file://" + testbed::percent_escaped(file), {box}},
+      {"missing", host::folderItem(missing), "file://" + testbed::percent_escaped(missing), {box}},
       {"lost", host::folderItem(SPARKLE_FRAMEWORKS "/no/where"), "nil", {box}},
       {"dictionary",
        host::dictionary({{"a", 1}, {"b", inner}}),

@@ -6,6 +6,7 @@
 
 #include "testbed/cocoa/typeids.h"
 #include "testbed/companion/appkit.h"
+#include "testbed/server/release.h"
 
 #include <objc/runtime.h>
 
@@ -250,7 +251,9 @@ void URLs() {
   const std::string missing = SPARKLE_FRAMEWORKS "/Broken.framework/missing";
   const std::string lost = SPARKLE_FRAMEWORKS "/no/where";
   auto item = [](const std::string& path) { return "FolderItem \"" + path + "\""; };
-  auto string = [](const std::string& path) { return "\"file://" + path + "\""; };
+  auto string = [](const std::string& path) {
+    return "\"file://" + testbed::percent_escaped(path) + "\"";
+  };
   expectHost("file", [NSURL fileURLWithPath : text(file)], item(file), { string(file) });
   expectHost("missing", [NSURL fileURLWithPath : text(missing)], item(missing),
              { string(missing) });
