@@ -8,6 +8,8 @@
 #include "bench/measure.h"
 #include "bench/report.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,10 +19,19 @@ using namespace bench;
 
 namespace {
 
+constexpr const char* usage =
+    "bench [--only TEXT] [--write FILE]\n"
+    "bench --check steps|allocations|look-ups|instructions [--only TEXT]\n";
+
 // At once: the host's objects need no clearing up, and their classes may be gone.
 [[noreturn]] void leave(int status) {
   fflush(nullptr);
   _Exit(status);
+}
+
+[[noreturn]] void refuse(const std::string& problem) {
+  fprintf(stderr, "bench: %s\n%s", problem.c_str(), usage);
+  leave(2);
 }
 
 std::vector<Row> rowsOf(const std::string& text) {
@@ -38,7 +49,8 @@ void readLookUps(const std::string& program, Findings& findings) {
                   : 0;
   if (pipe) pclose(pipe);
   if (read == 4) return;
-  fprintf(stderr, "bench: %s --look-ups printed no numbers\n", program.c_str());
+  fprintf(stderr, "bench: '%s --look-ups' printed no four numbers; run it by hand to see why\n",
+          program.c_str());
   exit(1);
 }
 
@@ -113,7 +125,10 @@ int main(int argc, char** argv) {
   bool count = false, lookUps = false;
   for (int i = 1; i < argc; ++i) {
     std::string option = argv[i];
-    auto value = [&] { return i + 1 < argc ? argv[++i] : ""; };
+    auto value = [&] {
+      if (i + 1 == argc) refuse(option + " wants a value");
+      return argv[++i];
+    };
     if (option == "--only")
       only = value();
     else if (option == "--write")
@@ -124,27 +139,28 @@ int main(int argc, char** argv) {
       count = true, only = value();
     else if (option == "--look-ups")
       lookUps = true;
-    else {
-      fprintf(stderr, "bench: there is no option %s; the source's first lines name them all\n",
-              argv[i]);
-      return 2;
-    }
+    else
+      refuse("there is no option " + option);
   }
+  const std::string checks[] = {"", "steps", "allocations", "look-ups", "instructions"};
+  if (std::ranges::find(checks, check) == std::end(checks)) refuse("there is no check " + check);
   if (lookUps || check == "look-ups") {
     startHost(Family::absent);
     leave(checkLookUps() && !lookUps ? 1 : 0);
   }
   startHost();
+  if (chosen(only).empty()) refuse("no operation has \"" + only + "\" in its name");
   if (count) {
     countInstructions(only);
     leave(0);
   }
   if (!check.empty()) {
-    unsigned failed = check == "steps"          ? checkSteps(only)
-                      : check == "allocations"  ? checkAllocations()
-                      : check == "instructions" ? checkInstructions(program, only)
-                                                : 1;
-    if (failed) printf("bench: %u found in --check %s\n", failed, check.c_str());
+    unsigned failed = check == "steps"         ? checkSteps(only)
+                      : check == "allocations" ? checkAllocations()
+                                               : checkInstructions(program, only);
+    if (failed)
+      printf("bench: --check %s: %u rows are not as they should be; see above\n", check.c_str(),
+             failed);
     leave(failed ? 1 : 0);
   }
   Findings findings{rowsOf(only)};
@@ -154,7 +170,7 @@ int main(int argc, char** argv) {
   std::string text = report(findings);
   fputs(text.c_str(), stdout);
   if (!file.empty() && !(std::ofstream(file) << text)) {
-    fprintf(stderr, "bench: cannot write %s\n", file.c_str());
+    fprintf(stderr, "bench: cannot write %s: %s\n", file.c_str(), strerror(errno));
     leave(1);
   }
   leave(0);

@@ -89,7 +89,8 @@ uint64_t summaryOf(const std::filesystem::path& file) {
   std::ifstream in(file);
   for (std::string line; std::getline(in, line);)
     if (line.starts_with("summary:")) return std::stoull(line.substr(sizeof "summary:"));
-  fprintf(stderr, "bench: callgrind wrote no counts to %s\n", file.c_str());
+  fprintf(stderr, "bench: callgrind wrote no counts to %s; the log beside it says why\n",
+          file.c_str());
   exit(1);
 }
 

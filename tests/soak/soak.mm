@@ -12,18 +12,18 @@
 
 namespace {
 
-[[noreturn]] void refuse(const char* argument) {
+[[noreturn]] void refuse(const char* argument, const char* why = "is not understood") {
   fprintf(stderr,
-          "soak: %s is not understood\n"
+          "soak: %s %s\n"
           "soak [--cycles=NUMBER | --stress=SECONDS] [--host=2013.03] [--plugin=elf|macho]\n",
-          argument);
+          argument, why);
   exit(64);
 }
 
 unsigned long number(const char* argument, const char* text) {
   char* end;
   unsigned long value = strtoul(text, &end, 10);
-  if (!*text || *end || !value) refuse(argument);
+  if (!*text || *end || !value) refuse(argument, "wants a number above 0");
   return value;
 }
 
