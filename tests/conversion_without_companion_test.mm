@@ -4,6 +4,7 @@
 #include "conversion.h"
 
 #include "testbed/cocoa/typeids.h"
+#include "testbed/server/release.h"
 
 #include <gmock/gmock.h>
 
@@ -256,7 +257,7 @@ TEST_P(WithoutCompanion, PlainValuesCrossToCocoa) {
               host::memoryBlock("abc"), host::folderItem(path)})),
       "[l:-3, q:5, f:1.5, d:2.5, d:3.5, c:1, \"text\", l:255, 2021-03-07 09:05:30, [l:1], "
       "[q:1], [f:1.5], [d:1.5], [\"a\"], [c:1], {\"k\": \"v\"}, data \"abc\", file://" +
-          path + "]");
+          testbed::percent_escaped(path) + "]");
 }
 
 TEST_P(WithoutCompanion, AnyOtherObjectGivesNil) {

@@ -146,7 +146,7 @@ TEST(Release, ApplicationOnDiskTellsItsVersionAndMarksItsStart) {
   application.info["SUFeedURL"] = "http://example.org/?a&b";
   const auto bundle = testbed::write_application(application, folder.path());
   EXPECT_EQ(testbed::installed_version(bundle), "3.1");
-  ASSERT_EQ(std::system((bundle / "Contents/MacOS/Demo").c_str()), 0);
+  ASSERT_EQ(std::system(("'" + (bundle / "Contents/MacOS/Demo").string() + "'").c_str()), 0);
   EXPECT_EQ(testbed::read_file(application.marker).substr(0, 4), "3.1\n");
 }
 
