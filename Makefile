@@ -5,7 +5,7 @@ BUILD    := build/$(PRESET)
 # The system root's own tables, without which GNUstep's text conversions fall back.
 export GCONV_PATH := $(CURDIR)/build/sysroot/usr/lib/i386-linux-gnu/gconv
 
-.PHONY: help setup build demo test plugin torture fuzz soak coverage bench format check-format \
+.PHONY: help setup build demo test plugin mac-check torture fuzz soak coverage bench format check-format \
         check-setup clean
 
 CYCLES  := 100000
@@ -28,6 +28,7 @@ help:
 #: make test      run every test: SANITIZE=1 under the sanitizers, SLOWEST=10 names the slowest,
 #:                SHUFFLE=SEED  REPEAT=2  ISOLATE=exec (a new program for each)
 #: make plugin    build dist/SparkleKVZ.xojo_plugin, the file for the host's Plugins folder
+#: make mac-check build dist/SparkleKVZ-mac-check.zip, which proves the plug-in on a user's Mac
 #: make coverage  lines and branches that the tests reach, as a report
 #: make torture   fail every call of every scenario, one at a time
 #: make fuzz      hostile input to all fuzzing targets, for SECONDS=60 in total
@@ -73,6 +74,10 @@ bench: setup
 plugin: setup
 	@tools/build dev macho_plugin
 	@ls -l dist/SparkleKVZ.xojo_plugin
+
+mac-check: setup
+	@tools/build dev mac_check
+	@ls -l dist/SparkleKVZ-mac-check.zip
 
 check-format: setup
 	@tools/format --check

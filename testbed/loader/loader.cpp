@@ -237,3 +237,16 @@ extern "C" const char* loader_describe(const void* address) {
   text = loader::describe(address);
   return text.empty() ? nullptr : text.c_str();
 }
+
+extern "C" void* loader_load(const char* path, const char* symbol, const char** why) {
+  static thread_local std::string reason;
+  try {
+    loader::Bundle* bundle = loader::loadFile(path).release();
+    if (void* address = bundle->symbol(symbol)) return address;
+    reason = std::string(path) + " exports no " + symbol;
+  } catch (const std::exception& failure) {
+    reason = failure.what();
+  }
+  *why = reason.c_str();
+  return nullptr;
+}

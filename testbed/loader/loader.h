@@ -84,3 +84,8 @@ std::string describe(const void* address);
 // The same for a debugger's prompt and for stack traces that do not link against this library.
 // Answers null outside of every bundle; the text stays good until this thread asks again.
 extern "C" const char* loader_describe(const void* address);
+
+// For programs that speak no C++: maps the bundle for the life of the process and answers the
+// address of an exported symbol, given its C name. Answers null when the bundle is refused or has
+// no such symbol; *why then says so, and stays good until this thread asks again.
+extern "C" void* loader_load(const char* path, const char* symbol, const char** why);
