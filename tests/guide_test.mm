@@ -12,6 +12,9 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <set>
+
+#import <Foundation/Foundation.h>
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -45,10 +48,22 @@ int constant(const std::string& name) {
   throw host::Error("no constant " + name);
 }
 
+// The host language's function: all but letters, digits and -_.~ as %XX.
+std::string encodeURLComponent(const std::string& text) {
+  std::string result;
+  for (unsigned char c : text) {
+    char escaped[4];
+    snprintf(escaped, sizeof escaped, "%%%02X", c);
+    bool plain = isalnum(c) || std::string("-_.~").find(char(c)) != std::string::npos;
+    result += plain ? std::string(1, char(c)) : escaped;
+  }
+  return result;
+}
+
 std::string document(const char* name) {
-  auto docs = std::filesystem::path(__FILE__).parent_path().parent_path() / "docs";
-  std::string text = testbed::read_file(docs / name);
-  EXPECT_NE(text, "") << docs / name << " cannot be read";
+  std::filesystem::path file = std::filesystem::path(DOCS_FOLDER) / name;
+  std::string text = testbed::read_file(file);
+  EXPECT_NE(text, "") << file << " cannot be read";
   return text;
 }
 
@@ -69,6 +84,18 @@ std::string shell(const std::filesystem::path& folder, const std::string& script
                         output + ".errors' </dev/null";
   EXPECT_EQ(std::system(command.c_str()), 0) << testbed::read_file(output + ".errors");
   return testbed::read_file(output);
+}
+
+// The length of a DSA key's q, from what openssl prints of it: bytes in hexadecimal, the first of
+// them 00 where the number would else look negative.
+int bitsOfQ(const std::filesystem::path& key) {
+  std::string text =
+      shell(key.parent_path(), "openssl dsa -in " + key.filename().string() + " -noout -text");
+  std::smatch match;
+  if (!std::regex_search(text, match, std::regex(R"(Q:\s*((?:[0-9a-f]{2}[:\s]+)+))"))) return 0;
+  std::string digits = std::regex_replace(match.str(1), std::regex("[^0-9a-f]"), "");
+  if (digits.starts_with("00")) digits.erase(0, 2);
+  return int(digits.size()) * 4;
 }
 
 std::string replaced(std::string text, const std::string& from, const std::string& to) {
@@ -137,6 +164,21 @@ protected:
     finish();
   }
 
+  // Turns the run loop until a fetch of this address has ended: as long as a check would take.
+  void turnFor(const std::string& url) {
+    host::Object feed = host::construct("SUAppcastKVZ", "Constructor");
+    host::call(feed, "fetchAppcastFromURL(url as string)", url);
+    ASSERT_TRUE(host::runUntil(
+        [&] {
+          auto items = host::get<host::Object>(feed, "items as SUAppcastItemKVZ()");
+          return host::upperBound(items) >= 0;
+        },
+        60));
+  }
+
+  // Which framework the next one to be loaded is like. 1.5b6 if none is named.
+  void framework(const char* version) { setenv("SPARKLE_VERSION", version, 1); }
+
   // The feed has this version only.
   void offer(const std::string& version) {
     site.item.version = version;
@@ -160,6 +202,98 @@ protected:
   }
 
   void msgBox(const std::string& message) { messages.push_back(message); }
+
+  // Every row of the table in docs/threads.md, in runs in which every event comes. The relaunch is
+  // not postponed.
+  void seeThreads(int column) {
+    struct Row {
+      bool hops;        // to the main thread
+      std::string from; // the framework raises it
+    };
+    std::map<std::string, Row> table;
+    std::string threads = document("threads.md");
+    ASSERT_THAT(threads, HasSubstr("| event | comes on | 1.5b6 raises it from | 1.6 raises it "
+                                   "from |"));
+    std::regex row(R"(\n\| `(\w+)` \| ([^|]+) \| ([^|]+) \| ([^|]+) \|)");
+    for (std::sregex_iterator each(threads.begin(), threads.end(), row), end; each != end; ++each) {
+      std::string from = (*each)[column];
+      table[(*each)[1]] = {(*each)[2] == "the main thread", from.substr(0, from.find(", or"))};
+    }
+
+    noteReports();
+    on("updaterShouldPromptForPermissionToCheckForUpdates", [](host::Event&) { return false; });
+    on("feedParametersForUpdater", [&](host::Event&) { return nullptr; });
+    on("bestValidUpdateInAppcast", [](host::Event& event) {
+      return listed(host::get<host::Object>(event[0], "items as SUAppcastItemKVZ()"))[0];
+    });
+    on("versionComparatorForUpdater", [&](host::Event&) { return mComparison; });
+    host::handle("MyComparison", "compareVersion",
+                 [](host::Event& event) { return event.text(0) == event.text(1) ? 0 : -1; });
+    on("shouldPostponeRelaunchForUpdate", [](host::Event&) { return false; });
+    on("pathToRelaunchForUpdater", [&](host::Event&) { return site.bundle; });
+    makeUpdater();
+    mComparison = host::construct("MyComparison", "Constructor");
+    finishLaunching();
+    offer("2.0");
+    check("checkForUpdateInformation");
+    offer("3.0");
+    check("checkForUpdates");
+
+    std::map<std::string, std::set<std::string>> seen;
+    for (const host::EventRecord& event : host::events()) {
+      std::string name = event.declaration.substr(0, event.declaration.find_first_of(" ("));
+      seen[name].insert(event.thread.main() ? "main" : "installer");
+    }
+    ASSERT_EQ(table.size(), 12u);
+    for (const auto& [name, row] : table) {
+      std::string threads;
+      for (const char* thread : {"main", "installer"})
+        if (seen[name].contains(thread))
+          threads += (threads.empty() ? "" : ", ") + std::string(thread);
+      EXPECT_EQ(threads, row.hops ? "main" : row.from) << name;
+      seen.erase(name);
+    }
+    EXPECT_TRUE(seen.empty()) << seen.begin()->first << " has no row";
+  }
+
+  // What the host's application says when it is up.
+  void finishLaunching() {
+    [[NSNotificationCenter defaultCenter]
+        postNotificationName:@"NSApplicationDidFinishLaunchingNotification"
+                      object:nil];
+  }
+
+  // What the guide's commands make, in this folder.
+  std::filesystem::path publishing = site.folder / "publish";
+  std::string signature;
+
+  // Example.app, version 2.0.0.3.0, with a public key that the guide's commands make; and 3.0.0.3.0
+  // in the guide's feed, whose archive these commands sign. Answers the bundle.
+  std::string publishByHand(const std::string& commands) {
+    std::filesystem::create_directory(publishing);
+    shell(publishing, block("shell: keys"));
+    testbed::Application application = site.application;
+    application.public_pem = testbed::read_file(publishing / "dsa_pub.pem");
+    application.info = {{"SUFeedURL", site.feedURL()}, {"SUPublicDSAKeyFile", "dsa_pub.pem"}};
+    application.folder = "Example.app";
+    application.name = "Example";
+    application.identifier = "org.example.example";
+    application.version = "2.0.0.3.0";
+    std::string bundle = testbed::write_application(application, site.folder.path());
+    application.version = "3.0.0.3.0";
+    std::string archive = testbed::make_archive(testbed::entries_of(application));
+    testbed::write_file(publishing / "Example_3.0.zip", archive);
+    signature = shell(publishing, block("shell: " + commands));
+    signature.erase(std::remove(signature.begin(), signature.end(), '\n'), signature.end());
+
+    std::string feed = block("feed");
+    EXPECT_THAT(feed, HasSubstr("PUT THE SIGNATURE HERE"));
+    feed = replaced(feed, "PUT THE SIGNATURE HERE", signature);
+    feed = replaced(feed, "http://www.example.com/", site.server.url("/"));
+    site.feed(feed);
+    site.server.serve("/Example_3.0.zip", {archive});
+    return bundle;
+  }
 };
 
 INSTANTIATE_TEST_SUITE_P(Hosts, Guide, session::oneHost(), session::hostName);
@@ -187,14 +321,24 @@ TEST_P(Guide, FirstCheck) {
     mUpdater = host::construct("SUUpdaterKVZ", "Constructor");
     // | mUpdater.feedURL = "http://www.example.com/appcast.xml"
     host::set(mUpdater, "feedURL as string", site.feedURL());
-    // | mUpdater.checkForUpdates
-    host::call(mUpdater, "checkForUpdates");
+    // | mUpdater.checkForUpdatesInBackground
+    host::call(mUpdater, "checkForUpdatesInBackground");
   };
   open();
   finish();
   EXPECT_THAT(messages, IsEmpty());
   EXPECT_EQ(site.installed(), "3.0");
   EXPECT_EQ(site.started(), "3.0");
+}
+
+TEST_P(Guide, AutomaticOnly) {
+  install({{"SUFeedURL", site.feedURL()}, {"SUEnableAutomaticChecks", "YES"}});
+  offer("2.0");
+  makeUpdater();
+  // | mUpdater.resetUpdateCycle
+  host::call(mUpdater, "resetUpdateCycle");
+  ASSERT_TRUE(host::runUntil(
+      [&] { return !site.server.requests("/appcast.xml").empty() && !inProgress(); }, 60));
 }
 
 TEST_P(Guide, OwnUpdater) {
@@ -242,6 +386,13 @@ TEST_P(Guide, EmptyEventIsAnAnswer) {
 
 TEST_P(Guide, EventFeedArrived) {
   makeUpdater();
+  testbed::Item old = site.item, undated = site.item;
+  old.title = "Version 1.0";
+  old.date = "Sat, 19 Jul 2008 15:20:11 +0000";
+  undated.title = "Version 0.9";
+  undated.date = "";
+  site.item.date = "Sat, 26 Jul 2008 15:20:11 +0000";
+  site.feed(testbed::appcast_xml({undated, old, site.item}));
   std::vector<std::string> historyWindowList;
   // | Sub didFinishLoadingAppcast(update as SUAppcastKVZ)
   on("didFinishLoadingAppcast(update as SUAppcastKVZ)", [&](host::Event& event) {
@@ -257,12 +408,14 @@ TEST_P(Guide, EventFeedArrived) {
     // | End Sub
   });
   check("checkForUpdateInformation");
-  EXPECT_THAT(historyWindowList, ElementsAre("Version 3.0", "Version 1.0"));
+  EXPECT_THAT(historyWindowList, ElementsAre("Version 3.0", "Version 1.0", "Version 0.9"));
 }
 
 TEST_P(Guide, EventBestUpdate) {
   makeUpdater();
+  site.item.date = "Sat, 19 Jul 2008 15:20:11 +0000";
   testbed::Item beta = site.item;
+  beta.date = "Sat, 26 Jul 2008 15:20:11 +0000";
   beta.version = "4.0";
   beta.title = "Version 4.0 beta";
   site.feed(testbed::appcast_xml({beta, site.item}));
@@ -276,8 +429,8 @@ TEST_P(Guide, EventBestUpdate) {
        for (const host::Object& release : listed(releases)) {
          // | dim beta as boolean = InStr(release.title, "beta") > 0
          bool beta = contains(text(release, "title as string"), "beta");
-         // | if release.fileURL <> "" and (mWantsBetas or not beta) then return release
-         if (text(release, "fileURL as string") != "" && (mWantsBetas || !beta)) return release;
+         // | if mWantsBetas or not beta then return release
+         if (mWantsBetas || !beta) return release;
          // | next
        }
        // | return nil
@@ -372,14 +525,18 @@ TEST_P(Guide, EventPostpone) {
   on("shouldPostponeRelaunchForUpdate(sendingProfile as SUAppcastItemKVZ) as boolean",
      [&](host::Event& event) {
        EXPECT_EQ(text(event[0], "versionString as string"), "3.0");
-       // | mRelaunchWaits = mHasUnsavedDocuments
-       mRelaunchWaits = mHasUnsavedDocuments.load();
-       // | return mRelaunchWaits
-       return mRelaunchWaits.load();
+       // | mRelaunchWaits = true
+       mRelaunchWaits = true;
+       // | return true
+       return true;
        // | End Function
      });
-  check("checkForUpdates");
-  EXPECT_FALSE(mRelaunchWaits);
+  host::call(mUpdater, "checkForUpdates");
+  ASSERT_TRUE(host::runUntil([&] { return bool(mRelaunchWaits); }, 60));
+  EXPECT_EQ(site.started(), "");
+  EXPECT_TRUE(inProgress());
+  host::call(mUpdater, "InvokeUpdate");
+  finish();
   EXPECT_EQ(site.started(), "3.0");
 }
 
@@ -440,8 +597,8 @@ TEST_P(Guide, PrepareFeedParameters) {
     host::Object edition = host::dictionary();
     // | edition.Value("key") = "edition"
     host::put(edition, "key", "edition");
-    // | edition.Value("value") = "Pro & Team"
-    host::put(edition, "value", "Pro & Team");
+    // | edition.Value("value") = EncodeURLComponent("Pro & Team")
+    host::put(edition, "value", encodeURLComponent("Pro & Team"));
     // | edition.Value("displayKey") = "Edition"
     host::put(edition, "displayKey", "Edition");
     // | edition.Value("displayValue") = "Pro & Team"
@@ -455,7 +612,9 @@ TEST_P(Guide, PrepareFeedParameters) {
   on("feedParametersForUpdater", [&](host::Event&) { return mFeedParameters; });
   check("checkForUpdateInformation");
   ASSERT_EQ(site.server.requests("/appcast.xml").size(), 1u);
-  EXPECT_EQ(site.server.requests("/appcast.xml")[0].query, "edition=Pro%20%26%20Team");
+  testbed::Request request = site.server.requests("/appcast.xml")[0];
+  EXPECT_EQ(request.query, "edition=Pro%2520%2526%2520Team");
+  EXPECT_EQ(request.parameter("edition"), encodeURLComponent("Pro & Team"));
 }
 
 TEST_P(Guide, EventFeedParameters) {
@@ -528,14 +687,21 @@ TEST_P(Guide, RelaunchNow) {
   makeUpdater();
   mHasUnsavedDocuments = true;
   on("shouldPostponeRelaunchForUpdate", [&](host::Event&) {
-    mRelaunchWaits = mHasUnsavedDocuments.load();
-    return mRelaunchWaits.load();
+    mRelaunchWaits = true;
+    return true;
   });
+  std::vector<std::string> inside;
+  bool invoking = false;
+  for (const char* event : {"willInstallUpdate", "updaterWillRelaunchApplication"})
+    on(event, [&, event](host::Event&) {
+      if (invoking) inside.push_back(event);
+    });
   auto saved = [&] {
     // | if mUpdater.mRelaunchWaits and not mUpdater.mHasUnsavedDocuments then
     if (mRelaunchWaits && !mHasUnsavedDocuments) {
       // | mUpdater.mRelaunchWaits = false
       mRelaunchWaits = false;
+      invoking = true;
       // | mUpdater.InvokeUpdate
       host::call(mUpdater, "InvokeUpdate");
       // | end if
@@ -623,6 +789,31 @@ TEST_P(Guide, LookOnly) {
   finish();
   EXPECT_THAT(raised(), ElementsAre("didFinishLoadingAppcast", "didFindValidUpdate"));
   EXPECT_EQ(site.installed(), "2.0");
+}
+
+TEST_P(Guide, LookFailed) {
+  makeUpdater();
+  on("didFindValidUpdate", [&](host::Event&) { mSomebodyWaits = false; });
+  on("updaterDidNotFindUpdate", [&](host::Event&) { mSomebodyWaits = false; });
+  auto action = [&] {
+    // | if mUpdater.mSomebodyWaits and not mUpdater.updateInProgress then
+    if (mSomebodyWaits && !host::get<bool>(mUpdater, "updateInProgress as boolean")) {
+      // | mUpdater.mSomebodyWaits = false
+      mSomebodyWaits = false;
+      // | MsgBox "The list of versions could not be fetched. Are you connected to the internet?"
+      msgBox("The list of versions could not be fetched. Are you connected to the internet?");
+      // | end if
+    }
+  };
+  for (bool reachable : {true, false}) {
+    if (!reachable)
+      site.server.serve("/appcast.xml", {.trouble = testbed::Answer::Trouble::hang_up});
+    mSomebodyWaits = true;
+    host::call(mUpdater, "checkForUpdateInformation");
+    ASSERT_TRUE(host::runUntil([&] { return action(), !mSomebodyWaits; }, 60));
+    finish();
+    EXPECT_EQ(messages.size(), reachable ? 0u : 1u);
+  }
 }
 
 TEST_P(Guide, ReadFeed) {
@@ -724,29 +915,16 @@ TEST_P(Guide, OtherBundle) {
 // ---- Publish a release ----
 
 TEST_P(Guide, PublishedByHand) {
-  std::filesystem::path folder = site.folder / "publish";
-  std::filesystem::create_directory(folder);
-  shell(folder, block("shell: keys"));
-  testbed::Application application = site.application;
-  application.public_pem = testbed::read_file(folder / "dsa_pub.pem");
-  application.info["SUPublicDSAKeyFile"] = "dsa_pub.pem";
-  application.folder = "Example.app";
-  application.name = "Example";
-  application.identifier = "org.example.example";
-  std::string bundle = testbed::write_application(application, site.folder.path());
-  application.version = "3.0";
-  std::string archive = testbed::make_archive(testbed::entries_of(application));
-  testbed::write_file(folder / "Example_3.0.zip", archive);
-  std::string signature = shell(folder, block("shell: sign"));
+  // The Mac's own commands of those years are the same, but for the name of the method.
+  EXPECT_EQ(replaced(block("shell: old-sign"), "-dss1", "-sha1"), block("shell: sign"));
+  auto fromSecondLine = [](const std::string& text) {
+    return text.substr(text.find("openssl gendsa"));
+  };
+  EXPECT_EQ(fromSecondLine(block("shell: old-keys")), fromSecondLine(block("shell: keys")));
+
+  std::string bundle = publishByHand("sign");
+  EXPECT_EQ(bitsOfQ(publishing / "dsa_priv.pem"), 160);
   ASSERT_THAT(signature, StartsWith("M"));
-
-  std::string feed = block("feed");
-  ASSERT_THAT(feed, HasSubstr("PUT THE SIGNATURE HERE"));
-  feed = replaced(feed, "PUT THE SIGNATURE HERE", signature);
-  feed = replaced(feed, "http://www.example.com/", site.server.url("/"));
-  site.feed(feed);
-  site.server.serve("/Example_3.0.zip", {archive});
-
   ASSERT_TRUE(load());
   std::map<std::string, std::string> seen;
   host::DateFields date;
@@ -761,15 +939,15 @@ TEST_P(Guide, PublishedByHand) {
   mUpdater =
       host::construct("MyUpdater", "Constructor(Bundle as folderitem)", host::folderItem(bundle));
   check("checkForUpdates");
-  EXPECT_EQ(testbed::installed_version(bundle), "3.0");
+  EXPECT_EQ(testbed::installed_version(bundle), "3.0.0.3.0");
   const std::map<std::string, std::string> expected = {
       {"title", "Version 3.0"},
       {"itemDescription", "Faster, and with fewer mistakes."},
       {"releaseNotesURL", site.server.url("/notes_3.0.html")},
       {"minimumSystemVersion", "10.6"},
       {"fileURL", site.server.url("/Example_3.0.zip")},
-      {"versionString", "3.0"},
-      {"displayVersionString", "3.0 for everybody"},
+      {"versionString", "3.0.0.3.0"},
+      {"displayVersionString", "3.0"},
       {"DSASignature", signature},
   };
   EXPECT_EQ(seen, expected);
@@ -825,20 +1003,42 @@ TEST_P(Guide, UpdaterMadeTooEarly) {
 TEST_P(Guide, NoFeed) {
   install({});
   makeUpdater();
-  for (const char* noURL : {"", "this is no address"}) {
+  for (const char* noURL : {"", "http://www.example.com/no address.xml"}) {
     host::set(mUpdater, "feedURL as string", noURL);
-    for (const char* member :
-         {"checkForUpdates", "checkForUpdatesInBackground", "checkForUpdateInformation"}) {
-      session::takeLog();
-      host::call(mUpdater, member);
-      auto raised = host::takeException();
-      ASSERT_TRUE(raised) << member;
-      EXPECT_EQ(raised->className, "NSExceptionKVZ");
-      EXPECT_THAT(session::takeLog(), ElementsAre(HasSubstr(" A SUNoFeedURL: ")));
-    }
     EXPECT_EQ(text(mUpdater, "feedURL as string"), "");
-    EXPECT_TRUE(host::takeException());
+    auto raised = host::takeException();
+    ASSERT_TRUE(raised);
+    EXPECT_EQ(raised->className, "NSExceptionKVZ");
   }
+  session::takeLog();
+  host::call(mUpdater, "checkForUpdateInformation");
+  EXPECT_TRUE(host::takeException());
+  EXPECT_THAT(session::takeLog(), Contains(HasSubstr(" A SUNoFeedURL: ")));
+  // Dead from now on.
+  host::set(mUpdater, "feedURL as string", site.feedURL());
+  for (const char* member :
+       {"checkForUpdates", "checkForUpdatesInBackground", "checkForUpdateInformation"}) {
+    host::call(mUpdater, member);
+    EXPECT_FALSE(host::takeException());
+    turnFor(site.server.url("/appcast.xml?turns"));
+    EXPECT_TRUE(inProgress());
+  }
+  for (const testbed::Request& request : site.server.requests("/appcast.xml"))
+    EXPECT_EQ(request.query, "turns");
+}
+
+TEST_P(Guide, NoFeedInBackground) {
+  framework("1.6");
+  install({});
+  makeUpdater();
+  host::call(mUpdater, "checkForUpdatesInBackground");
+  EXPECT_FALSE(host::takeException());
+  turnFor(site.feedURL());
+  EXPECT_FALSE(inProgress());
+  host::set(mUpdater, "feedURL as string", site.feedURL());
+  on("didFindValidUpdate", [](host::Event&) {});
+  check("checkForUpdateInformation");
+  EXPECT_THAT(raised(), ElementsAre("didFindValidUpdate"));
 }
 
 TEST_P(Guide, ConstructorCalledTwice) {
@@ -886,19 +1086,34 @@ TEST_P(Guide, InvokeUpdateWithNothingPostponed) {
   EXPECT_EQ(site.started(), "3.0");
 }
 
-TEST_P(Guide, UpdaterKeptInAVariable) {
-  install({{"SUFeedURL", site.feedURL()}, {"SUEnableAutomaticChecks", "YES"}});
-  offer("2.0");
+TEST_P(Guide, TwoUpdaters) {
+  makeUpdater();
   noteReports();
+  host::Object other = host::construct("MyUpdater", "Constructor");
+  EXPECT_EQ(host::get<int>(other, "Handle"), host::get<int>(mUpdater, "Handle"));
+  host::Object told;
+  on("didFindValidUpdate", [&](host::Event& event) { told = event.target; });
+  check("checkForUpdateInformation");
+  EXPECT_EQ(told, other);
+  told.reset();
+  host::clearEvents();
+  other.reset();
+  check("checkForUpdateInformation");
+  EXPECT_THAT(raised(), IsEmpty());
+}
+
+TEST_P(Guide, UpdaterKeptInAVariable) {
+  noteReports();
+  on("shouldPostponeRelaunchForUpdate", [](host::Event&) { return true; });
   ASSERT_TRUE(load());
   {
+    host::Pool pool; // as a turn of the event loop ends
     host::Object updater = host::construct("MyUpdater", "Constructor");
-    (void)updater;
+    host::call(updater, "checkForUpdatesInBackground");
   }
-  // The framework's updater is still there, and checks by itself.
-  ASSERT_TRUE(host::runUntil([&] { return !site.server.requests("/appcast.xml").empty(); }, 60));
-  mUpdater = host::construct("SUUpdaterKVZ", "Constructor");
-  finish();
+  // The framework's updater is still there, and goes on.
+  ASSERT_TRUE(host::runUntil([&] { return site.started() == "3.0"; }, 60));
+  EXPECT_EQ(site.installed(), "3.0");
   EXPECT_THAT(raised(), IsEmpty());
 }
 
@@ -927,30 +1142,119 @@ TEST_P(Guide, ConstructorWithoutSuper) {
 TEST_P(Guide, WrongSignature) {
   makeUpdater();
   noteReports();
-  for (const std::string& signature :
+  for (const std::string& wrong :
        {testbed::sign(testbed::make_key_pair(), "something else"), std::string()}) {
     host::clearEvents();
     session::takeLog();
-    site.item.signature = signature;
+    site.item.signature = wrong;
     offer("3.0");
     check("checkForUpdates");
     EXPECT_EQ(site.installed(), "2.0");
     EXPECT_THAT(raised(), ElementsAre("didFinishLoadingAppcast", "didFindValidUpdate"));
-    EXPECT_THAT(session::takeLog(), Contains(HasSubstr("refused")));
+    EXPECT_THAT(session::takeLog(), Contains(HasSubstr("improperly signed")));
   }
+}
+
+TEST_P(Guide, SignedTheFileItself) {
+  std::string bundle = publishByHand("wrong-sign");
+  // It is a signature of the file, and a good one.
+  testbed::write_file(publishing / "signature", signature + "\n");
+  EXPECT_THAT(shell(publishing, "openssl enc -base64 -d -in signature -out signature.bin\n"
+                                "openssl dgst -sha1 -verify dsa_pub.pem -signature signature.bin "
+                                "Example_3.0.zip"),
+              StartsWith("Verified OK"));
+  ASSERT_TRUE(load());
+  noteReports();
+  session::takeLog();
+  mUpdater =
+      host::construct("MyUpdater", "Constructor(Bundle as folderitem)", host::folderItem(bundle));
+  check("checkForUpdates");
+  EXPECT_EQ(testbed::installed_version(bundle), "2.0.0.3.0");
+  EXPECT_THAT(raised(), ElementsAre("didFinishLoadingAppcast", "didFindValidUpdate"));
+  EXPECT_THAT(session::takeLog(), Contains(HasSubstr("improperly signed")));
+}
+
+TEST_P(Guide, ParameterNotEscaped) {
+  makeUpdater();
+  on("feedParametersForUpdater", [&](host::Event&) {
+    return host::array(9, {host::dictionary({{"key", "edition"}, {"value", "Pro & Team"}}),
+                           host::dictionary({{"key", "signs"}, {"value", "=?+/ \u00e4%"}}),
+                           host::dictionary({{"key", "none"}})});
+  });
+  check("checkForUpdateInformation");
+  ASSERT_EQ(site.server.requests("/appcast.xml").size(), 1u);
+  testbed::Request request = site.server.requests("/appcast.xml")[0];
+  EXPECT_EQ(request.query, "edition=Pro%20&%20Team&signs==?+/%20%C3%A4%25&none=%3Cnull%3E");
 }
 
 TEST_P(Guide, FeedThatIsNone) {
   makeUpdater();
   noteReports();
-  for (const testbed::Answer& answer :
-       {testbed::Answer{.body = "no", .status = 404}, testbed::Answer{.body = "a letter"}}) {
-    session::takeLog();
-    site.server.serve("/appcast.xml", answer);
-    check("checkForUpdates");
-    EXPECT_THAT(raised(), IsEmpty());
-    EXPECT_THAT(session::takeLog(), Contains(HasSubstr("appcast.xml")));
+  for (const char* member : {"checkForUpdateInformation", "checkForUpdatesInBackground"}) {
+    for (const testbed::Answer& answer :
+         {testbed::Answer{.body = "no", .status = 404}, testbed::Answer{.body = "a letter"},
+          testbed::Answer{.trouble = testbed::Answer::Trouble::hang_up}}) {
+      session::takeLog();
+      site.server.serve("/appcast.xml", answer);
+      check(member);
+      EXPECT_THAT(raised(), IsEmpty());
+      EXPECT_EQ(session::takeLog().empty(), std::string(member) == "checkForUpdatesInBackground");
+    }
   }
+}
+
+TEST_P(Guide, FeedThatIsAPage) {
+  makeUpdater();
+  noteReports();
+  site.server.serve("/appcast.xml", {.body = "<html><body>Not Found</body></html>", .status = 404});
+  on("bestValidUpdateInAppcast", [](host::Event&) { return nullptr; });
+  check("checkForUpdateInformation");
+  EXPECT_THAT(raised(), ElementsAre("didFinishLoadingAppcast", "bestValidUpdateInAppcast",
+                                    "updaterDidNotFindUpdate"));
+}
+
+TEST_P(Guide, DroppedRelease) {
+  makeUpdater();
+  testbed::Item noEnclosure = site.item, noURL = site.item, noVersion = site.item;
+  noEnclosure.url = "";
+  noURL.url = "";
+  noURL.extra = "<enclosure sparkle:version=\"4.0\" length=\"1\"/>";
+  noVersion.version = "";
+  noVersion.url = site.server.url("/Demo.zip");
+  noVersion.extra = "<sparkle:version>4.0</sparkle:version>"; // an element is not read
+  testbed::Item named = site.item, part = site.item;
+  named.version = "";
+  part.url = "Demo%20_3.0.zip";
+  site.feed(testbed::appcast_xml({noEnclosure, noURL, noVersion, named, part}));
+  std::vector<std::string> versions, urls;
+  on("didFinishLoadingAppcast", [&](host::Event& event) {
+    auto items = host::get<host::Object>(event[0], "items as SUAppcastItemKVZ()");
+    for (const host::Object& item : listed(items)) {
+      versions.push_back(text(item, "versionString as string"));
+      urls.push_back(text(item, "fileURL as string"));
+    }
+  });
+  session::takeLog();
+  check("checkForUpdateInformation");
+  EXPECT_THAT(versions, ElementsAre("3.0", "3.0"));
+  EXPECT_THAT(urls, ElementsAre(named.url, "Demo%2520_3.0.zip"));
+  EXPECT_GE(session::takeLog().size(), 3u);
+}
+
+TEST_P(Guide, MadeTooLateForAutomaticChecks) {
+  install({{"SUFeedURL", site.feedURL()}, {"SUEnableAutomaticChecks", "YES"}});
+  offer("2.0");
+  makeUpdater();
+  turnFor(site.server.url("/appcast.xml?turns"));
+  EXPECT_EQ(site.server.requests("/appcast.xml").size(), 1u);
+  host::call(mUpdater, "resetUpdateCycle");
+  ASSERT_TRUE(host::runUntil(
+      [&] { return site.server.requests("/appcast.xml").size() > 1 && !inProgress(); }, 60));
+  // 0 switches them off.
+  host::set(mUpdater, "updateCheckInterval as double", 0.0);
+  EXPECT_FALSE(host::get<bool>(mUpdater, "automaticallyChecksForUpdates as boolean"));
+  host::set(mUpdater, "automaticallyChecksForUpdates as boolean", true);
+  EXPECT_EQ(host::get<double>(mUpdater, "updateCheckInterval as double"), 86400);
 }
 
 TEST_P(Guide, SecondCheckIsIgnored) {
@@ -988,42 +1292,12 @@ TEST_P(Guide, VersionsThatDoNotMatch) {
   EXPECT_THAT(raised(), ElementsAre("didFindValidUpdate", "didFindValidUpdate"));
 }
 
-// Every row of the table in docs/threads.md, in a run in which every event comes.
 TEST_P(Guide, ThreadsAreAsTheTableSays) {
-  struct Row {
-    bool alwaysMain, mainHere;
-  };
-  std::map<std::string, Row> table;
-  std::string threads = document("threads.md");
-  std::regex row(R"(\n\| `(\w+)` \| (the main thread|the thread that asks) \| ([^|]+) \|)");
-  for (std::sregex_iterator each(threads.begin(), threads.end(), row), end; each != end; ++each)
-    table[(*each)[1]] = {(*each)[2] == "the main thread", (*each)[3] == "the main thread"};
+  framework("1.5b6");
+  seeThreads(3);
+}
 
-  noteReports();
-  on("updaterShouldPromptForPermissionToCheckForUpdates", [](host::Event&) { return false; });
-  on("feedParametersForUpdater", [&](host::Event&) { return nullptr; });
-  on("bestValidUpdateInAppcast", [](host::Event& event) {
-    return listed(host::get<host::Object>(event[0], "items as SUAppcastItemKVZ()"))[0];
-  });
-  on("versionComparatorForUpdater", [&](host::Event&) { return mComparison; });
-  host::handle("MyComparison", "compareVersion",
-               [](host::Event& event) { return event.text(0) == "2.0" ? -1 : 0; });
-  on("shouldPostponeRelaunchForUpdate", [](host::Event&) { return false; });
-  on("pathToRelaunchForUpdater", [&](host::Event&) { return site.bundle; });
-  makeUpdater();
-  mComparison = host::construct("MyComparison", "Constructor");
-  host::set(mUpdater, "feedURL as string", site.feedURL());
-  check("checkForUpdates");
-  check("checkForUpdateInformation"); // now there is nothing newer
-
-  std::map<std::string, bool> seen;
-  for (const host::EventRecord& event : host::events()) {
-    std::string name = event.declaration.substr(0, event.declaration.find_first_of(" ("));
-    ASSERT_TRUE(table.contains(name)) << name << " has no row";
-    EXPECT_EQ(event.thread.main(), table[name].mainHere) << name;
-    if (table[name].alwaysMain) EXPECT_TRUE(event.thread.main()) << name;
-    seen[name] = true;
-  }
-  EXPECT_EQ(seen.size(), 12u);
-  EXPECT_EQ(table.size(), 12u);
+TEST_P(Guide, ThreadsOf16) {
+  framework("1.6");
+  seeThreads(4);
 }

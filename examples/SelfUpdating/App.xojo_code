@@ -2,11 +2,17 @@
 Protected Class App
 Inherits Application
 	#tag Event
-		Sub Close()
-		  // The program ends. Nothing is left to tell it.
-		  mRelaunchTimer = nil
-		  Updater = nil
-		End Sub
+		Function CancelClose() As Boolean
+		  // The program is asked to quit: by somebody, or by the framework to relaunch it. Answer true to
+		  // stay. A relaunch comes only when nothing is unsaved (see MyUpdater), so let it pass: after a
+		  // refusal no check would work until the next start.
+		  if HasUnsavedDocuments then
+		    MsgBox "There are documents that are not saved. Please save them first."
+		    return true
+		  end if
+		  Quitting = true
+		  return false
+		End Function
 	#tag EndEvent
 
 	#tag Event
@@ -18,20 +24,21 @@ Inherits Application
 
 		  // First of all, load it. Without it the plug-in's classes do nothing at all.
 		  if not SUUpdaterKVZ.LoadFramework(framework) then
-		    MsgBox "A part of this program is missing. Please install it again."
+		    MsgBox "A part of this program is missing, and it cannot update itself. Please install it again."
 		    return
 		  end if
 
-		  // A property, not a variable: when the last reference to an updater goes, its events stop.
+		  // The only updater of this program. It stays in this property until the process ends: there is no
+		  // line anywhere that sets it to nil, not even in Close, because the framework does not survive it.
 		  Updater = new MyUpdater
 
-		  // It looks every second whether a postponed relaunch can go on.
-		  mRelaunchTimer = new RelaunchTimer
-		  mRelaunchTimer.Period = 1000
-		  mRelaunchTimer.Mode = Timer.ModeMultiple
+		  // It looks every second for what came on other threads, or did not come at all.
+		  mTimer = new UpdateTimer
+		  mTimer.Period = 1000
+		  mTimer.Mode = Timer.ModeMultiple
 
-		  // Returns at once. What the check finds comes in the events of the updater.
-		  CheckForUpdates
+		  // Automatic checks begin, if people have not switched them off. Needs SUFeedURL in the Info.plist.
+		  if KnowsItsFeed then Updater.resetUpdateCycle
 		End Sub
 	#tag EndEvent
 
@@ -44,11 +51,30 @@ Inherits Application
 	#tag EndEvent
 
 	#tag Method, Flags = &h0
-		Sub CheckForUpdates()
-		  // For the menu item "Check for Updates...".
-		  if Updater = nil then return
+		Function CanCheck() As Boolean
+		  // Says in words why a check cannot begin.
+		  if Updater = nil then
+		    MsgBox "A part of this program is missing, and it cannot update itself. Please install it again."
+		    return false
+		  end if
+		  if not KnowsItsFeed then
+		    MsgBox "This program does not know where its updates are. Please tell the people who made it."
+		    return false
+		  end if
+		  if Updater.updateInProgress then
+		    MsgBox "An update is being looked for or installed already."
+		    return false
+		  end if
+		  return true
+		End Function
+	#tag EndMethod
 
-		  // The framework raises an exception when it knows no feed. The reason is in its message.
+	#tag Method, Flags = &h0
+		Sub CheckForUpdates()
+		  // For the menu item "Check for Updates...". The framework opens a window at once, and says in it
+		  // what it found and what went wrong.
+		  if not CanCheck then return
+
 		  try
 		    Updater.checkForUpdates
 		  catch error as NSExceptionKVZ
@@ -61,8 +87,8 @@ Inherits Application
 		Sub ChecksAutomatically(Assigns on As Boolean)
 		  // For a checkbox in the preferences. The framework remembers the answer.
 		  if Updater = nil then return
-		  Updater.automaticallyChecksForUpdates = on
 		  if on then Updater.updateCheckInterval = 24 * 60 * 60
+		  Updater.automaticallyChecksForUpdates = on
 		End Sub
 	#tag EndMethod
 
@@ -75,11 +101,23 @@ Inherits Application
 	#tag EndMethod
 
 	#tag Method, Flags = &h0
+		Function KnowsItsFeed() As Boolean
+		  // A check without a feed spoils the updater until the program ends. To read the feed does no harm:
+		  // it raises an exception when there is none.
+		  try
+		    return Updater.feedURL <> ""
+		  catch error as NSExceptionKVZ
+		    return false
+		  end try
+		End Function
+	#tag EndMethod
+
+	#tag Method, Flags = &h0
 		Sub LookForUpdates()
-		  // Finds out, and changes nothing. The answer comes in UpdateReports: either in didFindValidUpdate
-		  // or in updaterDidNotFindUpdate.
-		  if Updater = nil then return
-		  if Updater.updateInProgress then return
+		  // For a button in the About window. Opens no window of the framework, and changes nothing. The answer
+		  // comes in UpdateReports: in didFindValidUpdate or in updaterDidNotFindUpdate. If the feed cannot be
+		  // had, neither comes, and UpdateTimer says so.
+		  if not CanCheck then return
 		  Updater.SomebodyWaits = true
 		  Updater.checkForUpdateInformation
 		End Sub
@@ -104,11 +142,15 @@ Inherits Application
 	#tag EndProperty
 
 	#tag Property, Flags = &h0
+		Quitting As Boolean
+	#tag EndProperty
+
+	#tag Property, Flags = &h0
 		Updater As MyUpdater
 	#tag EndProperty
 
 	#tag Property, Flags = &h21
-		Private mRelaunchTimer As RelaunchTimer
+		Private mTimer As UpdateTimer
 	#tag EndProperty
 
 End Class

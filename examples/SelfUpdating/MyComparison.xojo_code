@@ -3,7 +3,8 @@ Protected Class MyComparison
 Inherits SUVersionComparisonKVZ
 	#tag Event
 		Function compareVersion(VersionA as string, VersionB as string) as integer
-		  // VersionA is this program's, VersionB the release's. May come on another thread.
+		  // Usually VersionA is this program's and VersionB the release's, but not always: compare the two
+		  // texts and nothing else. May come on another thread.
 		  //
 		  // Versions are numbers between dots, and a missing number counts as 0: 1.9 < 1.10, 2.0 = 2.
 		  dim a() as String = Split(VersionA, ".")

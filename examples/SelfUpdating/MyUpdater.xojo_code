@@ -4,7 +4,7 @@ Inherits UpdateQuestions
 	#tag Event
 		Function pathToRelaunchForUpdater() as string
 		  // What to start. The framework takes your own application when this event is left out; it stands
-		  // here to show how such a path is made.
+		  // here to show how such a path is made. Without a path nothing would be started.
 		  return mRelaunchPath
 		End Function
 	#tag EndEvent
@@ -14,8 +14,9 @@ Inherits UpdateQuestions
 		  // The parameter is called sendingProfile, but it is the release.
 		  //
 		  // This may be another thread, and asking people about their documents needs the main thread. So
-		  // only set a property here. RelaunchTimer sees it a moment later.
-		  RelaunchWaits = App.HasUnsavedDocuments
+		  // only set a property here. UpdateTimer sees it a moment later, and the rest happens on the main
+		  // thread. When the program is closing already, there is no later moment.
+		  RelaunchWaits = not App.Quitting
 		  return RelaunchWaits
 		End Function
 	#tag EndEvent
@@ -24,19 +25,19 @@ Inherits UpdateQuestions
 		Sub Constructor()
 		  Super.Constructor
 
-		  // hostBundle is the application's own folder. Its address is "file:///Applications/...", or on older
+		  // The application's own folder. Its address is "file:///Applications/Example.app/", or on older
 		  // systems "file://localhost/Applications/...", with blanks and the like escaped.
-		  dim bundle as FolderItem = hostBundle
-		  if bundle = nil then return
+		  dim bundle as FolderItem = App.ExecutableFile.Parent.Parent.Parent
 		  dim address as String = Replace(bundle.URLPath, "file://localhost/", "file:///")
 		  mRelaunchPath = DecodeURLComponent(Replace(address, "file://", ""))
+		  if Right(mRelaunchPath, 1) = "/" then mRelaunchPath = Left(mRelaunchPath, Len(mRelaunchPath) - 1)
 		End Sub
 	#tag EndMethod
 
 	#tag Method, Flags = &h0
 		Sub RelaunchIfReady()
-		  // InvokeUpdate completes what was postponed, once. Without anything postponed it would raise a
-		  // NilObjectException.
+		  // InvokeUpdate continues what was postponed, once. Without anything postponed it would raise a
+		  // NilObjectException. It may not return: the program is told to quit inside it.
 		  if RelaunchWaits and not App.HasUnsavedDocuments then
 		    RelaunchWaits = false
 		    InvokeUpdate

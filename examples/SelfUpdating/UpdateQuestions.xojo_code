@@ -6,11 +6,12 @@ Inherits UpdateReports
 		  // This and the other events in this class may come on another thread than the main one. So they
 		  // answer at once, from what is ready, and touch no windows and no files.
 		  //
-		  // Here: the first release that has an archive, and betas only for those who want them.
+		  // Here: the newest release by date, and betas only for those who want them. The releases come
+		  // sorted, and there may be none.
 		  dim releases() as SUAppcastItemKVZ = appcast.items
 		  for each release as SUAppcastItemKVZ in releases
 		    dim beta as Boolean = InStr(release.title, "beta") > 0
-		    if release.fileURL <> "" and (WantsBetas or not beta) then return release
+		    if WantsBetas or not beta then return release
 		  next
 		  return nil
 		End Function
@@ -45,9 +46,10 @@ Inherits UpdateReports
 
 		  mComparison = new MyComparison
 
+		  // The framework would leave the & as it is, and the server would take it for the end of the value.
 		  dim edition as new Dictionary
 		  edition.Value("key") = "edition"
-		  edition.Value("value") = "Pro & Team"
+		  edition.Value("value") = EncodeURLComponent("Pro & Team")
 		  edition.Value("displayKey") = "Edition"
 		  edition.Value("displayValue") = "Pro & Team"
 		  mFeedParameters.Append edition

@@ -13,8 +13,8 @@ Inherits SUUpdaterKVZ
 
 	#tag Event
 		Sub didFindValidUpdate(update as SUAppcastItemKVZ)
-		  // There is a newer version. After checkForUpdates the framework goes on by itself; after
-		  // checkForUpdateInformation it leaves the rest to you.
+		  // There is a newer version. After checkForUpdates and automatic checks the framework shows it and
+		  // goes on by itself; after checkForUpdateInformation it leaves the rest to you.
 		  FoundVersion = update.displayVersionString
 		  if SomebodyWaits then MsgBox "Version " + FoundVersion + " is here."
 		  SomebodyWaits = false
@@ -23,7 +23,8 @@ Inherits SUUpdaterKVZ
 
 	#tag Event
 		Sub updaterDidNotFindUpdate()
-		  // Nothing newer. Say so to somebody who asked, and to nobody else.
+		  // Nothing newer. Say so to somebody who asked, and to nobody else. With version 1.5b6 of the
+		  // framework it does not come after automatic checks.
 		  if SomebodyWaits then MsgBox "You have the newest version."
 		  SomebodyWaits = false
 		End Sub
@@ -31,7 +32,7 @@ Inherits SUUpdaterKVZ
 
 	#tag Event
 		Sub updaterWillRelaunchApplication()
-		  // The new version is installed, and this one is about to end. Write down what the next start
+		  // This version is about to end, and the new one to be started. Write down what the next start
 		  // should know: open windows, the selection, and so on.
 		  System.DebugLog "Goodbye."
 		End Sub
@@ -43,6 +44,17 @@ Inherits SUUpdaterKVZ
 		  System.DebugLog "Installing version " + update.versionString
 		End Sub
 	#tag EndEvent
+
+	#tag Method, Flags = &h0
+		Sub SayThatTheFeedFailed()
+		  // Somebody waits for an answer, and the check is over without one.
+		  if SomebodyWaits and not updateInProgress then
+		    SomebodyWaits = false
+		    dim advice as String = "If this program is on a disk image, copy it to your Applications folder first."
+		    MsgBox "The list of versions could not be fetched. Are you connected to the internet? " + advice
+		  end if
+		End Sub
+	#tag EndMethod
 
 	#tag Property, Flags = &h0
 		FoundVersion As String

@@ -28,10 +28,11 @@ HOST = {
     "variant": (None, {}),
 }
 HOST_EVENTS = {
-    "application": ["Close", "Open", "UnhandledException(error As RuntimeException) As Boolean"],
+    "application": ["CancelClose() As Boolean", "Close", "Open", "UnhandledException(error As RuntimeException) As Boolean"],
     "timer": ["Action"],
 }
-FUNCTIONS = {"decodeurlcomponent", "instr", "max", "msgbox", "replace", "split", "ubound", "val"}
+FUNCTIONS = {"decodeurlcomponent", "encodeurlcomponent", "instr", "left", "len", "max", "msgbox", "replace", "right",
+             "split", "ubound", "val"}
 
 
 class Program:
@@ -178,6 +179,18 @@ class Example(unittest.TestCase):
         self.assertEqual({item[2]: item[1] for item in self.items},
                          {name: file.name for name, file in self.files.items()})
         self.assertEqual(len({item[3] for item in self.items}), len(self.items))
+
+    def test_project_opens_in_the_oldest_host_that_reads_its_format(self):
+        """Xojo 2013 Release 1, which is also the first that can install the plug-in's archive."""
+        values = dict(line.split("=", 1) for line in self.project)
+        self.assertEqual(values["MinIDEVersion"], "20130100")
+        self.assertEqual(values["RBProjectVersion"], "2013.01")
+        self.assertIn("Xojo 2013 Release 1", markdown.read("examples/README.md"))
+
+    def test_the_updater_is_made_once_and_never_let_go(self):
+        lines = [hostlanguage.code(line) for _, block in self.blocks("Event", "Method") for line in block.lines]
+        self.assertEqual([line for line in lines if "new MyUpdater" in line], ["Updater = new MyUpdater"])
+        self.assertEqual([line for line in lines if re.match(r"(App\.)?Updater = nil", line, re.I)], [])
 
     def test_supers_exist(self):
         for file in self.files.values():

@@ -64,11 +64,17 @@ TEST_P(Worked, AConversionRuleFindsItsWrapperClass) {
   CFDictionaryRemoveValue([NSException GetInstancesDictionaryKVZ], [NSHost currentHost]);
 }
 
-TEST_P(Worked, AHostOperationYieldsZeroWhereTheHostHasNone) {
+TEST_P(Worked, AHostOperationAnswersWhatTheHostDoes) {
   start();
   host::Object appcast = host::create("SUAppcastKVZ");
-  EXPECT_EQ(host::get<int32_t>(appcast, "ticks as integer"), 0);
-  EXPECT_EQ(host::lookups("RuntimeTicks"), 1u);
+  EXPECT_EQ(host::get<double>(appcast, "hostVersion as double"), host::profile().version);
+}
+
+TEST_P(Worked, AHostOperationYieldsZeroWhereTheHostHasNone) {
+  start();
+  host::makeAbsent("REALGetRBVersion");
+  host::Object appcast = host::create("SUAppcastKVZ");
+  EXPECT_EQ(host::get<double>(appcast, "hostVersion as double"), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Hosts, Worked, session::everyInterface(), session::hostName);
