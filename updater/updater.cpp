@@ -12,8 +12,9 @@ namespace {
 
 // Neither field is set by the registered constructor: the host hands over a zero-filled record.
 struct UpdaterRecord {
-  // Released by the destructor but not retained when it is stored: the framework's updaters
-  // outlive their users, and host programs count on it.
+  // Released by the destructor but not retained when it is stored: it takes over the reference that
+  // the framework hands out. 1.5b6 has one of these to spare and 1.6 none, so a program makes one
+  // updater for a bundle and keeps it.
   id updater;
   // Owned.
   id delegate;
