@@ -24,7 +24,7 @@ help:
 	@sed -n 's/^#: //p' Makefile
 
 #: make demo      run a whole update: HOST=2011.4  FEED=URL  CHECK=information  PLUGIN=macho
-#:                COMPARATOR=reverse
+#:                FRAMEWORK=1.6  COMPARATOR=reverse
 #: make test      run every test: SANITIZE=1 under the sanitizers, SLOWEST=10 names the slowest,
 #:                SHUFFLE=SEED  REPEAT=2  ISOLATE=exec (a new program for each)
 #: make plugin    build dist/SparkleKVZ.xojo_plugin, the file for the host's Plugins folder
@@ -48,7 +48,7 @@ demo: setup
 	@tools/build $(PRESET) demo
 	@$(BUILD)/bin/demo $(if $(HOST),--host=$(HOST)) $(if $(FEED),--feed='$(FEED)') \
 	  $(if $(CHECK),--check=$(CHECK)) $(if $(PLUGIN),--plugin=$(PLUGIN)) \
-	  $(if $(COMPARATOR),--comparator=$(COMPARATOR))
+	  $(if $(FRAMEWORK),--framework=$(FRAMEWORK)) $(if $(COMPARATOR),--comparator=$(COMPARATOR))
 
 test: build check-format
 	@SLOWEST="$(SLOWEST)" SHUFFLE="$(SHUFFLE)" REPEAT="$(REPEAT)" ISOLATE="$(ISOLATE)" tools/test $(PRESET)

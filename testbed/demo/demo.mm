@@ -20,7 +20,9 @@ struct Options {
   std::string feed;                  // empty: releases of the demo's own, on loopback
   std::string check = "update";      // or "information"
   std::string plugin = "elf";        // or "macho"
+  std::string framework = "1.5b6";   // or "1.6", "workers"
   std::string comparator = "normal"; // or "reverse"
+  std::string road;                  // a file to write the road into
 };
 
 struct OptionRow {
@@ -43,7 +45,9 @@ Options readOptions(int count, char** arguments) {
       {"--feed=", &Options::feed, {}},
       {"--check=", &Options::check, {"update", "information"}},
       {"--plugin=", &Options::plugin, {"elf", "macho"}},
+      {"--framework=", &Options::framework, {"1.5b6", "1.6", "workers"}},
       {"--comparator=", &Options::comparator, {"normal", "reverse"}},
+      {"--road=", &Options::road, {}},
   };
   for (int i = 1; i < count; ++i) {
     const OptionRow* match = nullptr;
@@ -95,7 +99,6 @@ std::string publishReleases(testbed::Server& server, const testbed::Application&
     item.title = std::string("Demo ") + version;
     item.description = "<p>What is new in " + std::string(version) + "</p>";
     item.release_notes = server.url("/notes.html");
-    item.date = "Sat, 26 Jul 2008 15:20:11 +0000";
     items.push_back(item);
   }
   server.serve("/appcast.xml", {testbed::appcast_xml(items)});
@@ -139,11 +142,9 @@ struct FailureStatus {
 };
 constexpr FailureStatus failureStatus[] = {
     {"fetch", 2, "Start the server, or correct the address in FEED."},
-    {"status", 2, "Correct the address in FEED."},
     {"xml", 3, "The feed must be an RSS document; look at it in a browser."},
-    {"items", 4, "The feed must hold at least one <item>."},
-    {"signature", 5, "The archive must be signed with the key whose public half is in the app."},
-    {"download", 6, "Correct the url of the feed's enclosure."},
+    {"signature", 4, "Sign the archive's digest with the key whose public half is in the app."},
+    {"download", 5, "Correct the url of the feed's enclosure."},
 };
 
 int failed(const road::Failure& failure) {
@@ -159,9 +160,9 @@ int failed(const road::Failure& failure) {
 int run(const Options& options) {
   testbed::Folder folder;
   setenv("HOME", folder.path().c_str(), 1);
+  setenv("TMPDIR", folder.path().c_str(), 1);
   setenv("SPARKLE_DEFAULTS_DIR", folder.path().c_str(), 1);
-  // The framework reports its failures as steps too; once is enough.
-  setenv("SPARKLE_QUIET", "1", 1);
+  setenv("SPARKLE_VERSION", options.framework.c_str(), 1);
 
   testbed::KeyPair keys = testbed::make_key_pair();
   testbed::Application application;
@@ -174,16 +175,16 @@ int run(const Options& options) {
       options.feed.empty() ? publishReleases(server, application, keys) : options.feed;
 
   printf("SparkleKVZ %s, %s, in the simulated host %s.\n"
-         "Host, Cocoa and update framework are this project's stand-ins for Linux; the plug-in is "
-         "the product.\n"
+         "Host, Cocoa and update framework (as %s) are this project's stand-ins for Linux; the "
+         "plug-in is the product.\n"
          "Demo %s is installed; its feed is %s\n",
          SPARKLEKVZ_VERSION,
          options.plugin == "elf" ? "built for Linux (libSparkleKVZ.so)"
                                  : "the bundle that ships (SparkleKVZ.dylib, Mach-O)",
-         options.host.c_str(), installedVersion, feed.c_str());
+         options.host.c_str(), options.framework.c_str(), installedVersion, feed.c_str());
   if (options.comparator == "reverse")
     printf("The program's comparison is reversed: to it, lower versions are newer.\n");
-  printf("\nstep  thread          who        does what\n");
+  printf("\nstep  thread     who        does what\n");
 
   road::heading("Start-up");
   host::start(options.host);
@@ -205,15 +206,20 @@ int run(const Options& options) {
   }
 
   if (program::relaunchIsPostponed()) {
+    road::heading("The relaunch");
     host::call(updater, "InvokeUpdate");
-    host::runUntil([] { return road::ended(); }, 60);
   }
 
   road::heading("Afterwards");
   if (options.feed.empty()) showRequests(server);
+  // A real program keeps its updater to its end, which has come here.
   updater.reset();
   program::letGo();
   bool clean = showHost();
+  if (!options.road.empty() && !road::write(options.road)) {
+    road::verdict(false, "The road cannot be written to " + options.road + ".");
+    return 1;
+  }
 
   road::Failure failure = road::failure();
   if (!failure.kind.empty()) return failed(failure);

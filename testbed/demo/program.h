@@ -9,7 +9,7 @@
 namespace program {
 
 struct Choices {
-  bool lookOnly = false;     // checkForUpdateInformation instead of checkForUpdates
+  bool lookOnly = false;     // checkForUpdateInformation instead of a check
   bool lowerIsNewer = false; // its own comparator says so
   std::string relaunchPath;  // what to start once the update is installed
 };

@@ -58,7 +58,7 @@ host::Object parameter(const char* key, const char* value, const char* displayKe
 }
 
 host::Object feedParameters(host::Event&) {
-  return host::array(9, {parameter("edition", "Pro & Team", "Edition", "Pro & Team"),
+  return host::array(9, {parameter("edition", "Pro", "Edition", "Pro"),
                          parameter("lang", "de", "Language", "Deutsch")});
 }
 
@@ -143,7 +143,7 @@ host::Object makeUpdater(const std::string& framework, const std::string& bundle
 
 void check(const host::Object& updater, const std::string& feed) {
   host::set(updater, "feedURL as string", feed);
-  host::call(updater, choices.lookOnly ? "checkForUpdateInformation" : "checkForUpdates");
+  host::call(updater, choices.lookOnly ? "checkForUpdateInformation" : "checkForUpdatesInBackground");
 }
 
 bool relaunchIsPostponed() { return postponed; }

@@ -1,32 +1,47 @@
-// Prints the road of an update as it happens: one line a step, who did what to whom, with which
-// values, on which thread. In colour on a terminal, plain in a pipe. Any thread.
+// The road of an update as a list of what happened: who did what to whom, with which values, on
+// which thread. It is printed as it grows, one line a step, in colour on a terminal and plain in a
+// pipe; written as a table it can be drawn or compared. Any thread.
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace road {
 
 // Who does something.
-enum class Actor { program, plugin, framework, server, nobody };
+enum class Actor { program, plugin, framework, server, person, nobody };
+const char* nameOf(Actor actor);
+
+struct Line {
+  Actor actor;
+  std::string thread;
+  std::string kind; // "call MEMBER", "return MEMBER", "event NAME", "answer NAME", "step NAME" with
+                    // the window's title behind it, "heading"; empty for what only this demo says
+  std::string text;
+};
 
 // Begins to listen: to the host for everything that crosses between the program and the plug-in,
-// and to the framework for its steps.
+// and to the framework for its steps. The person presses the first button of every window.
 void listen();
 
-void line(Actor actor, const std::string& text);
+void line(Actor actor, const std::string& text, const std::string& kind = "");
 // A heading between the stages of the demo.
 void heading(const std::string& text);
-// The last line, good or bad.
+// The last line, good or bad. Not part of the road.
 void verdict(bool good, const std::string& text);
 
+std::vector<Line> all();
+// As a file: thread, actor, kind and text of each line, with tabs between them.
+bool write(const std::string& file);
+
 // Why the last check failed, for people; empty while none has. kind is one of the framework's
-// names: "fetch", "status", "xml", "items", ...
+// names: "fetch", "xml", "signature", ...
 struct Failure {
   std::string kind;
   std::string reason;
 };
 Failure failure();
-// Whether a check has come to its end, well or not.
+// Whether a check has come to its end, well or not, or the application was told to quit.
 bool ended();
 // The process that the framework has started, 0 before.
 int startedProcess();

@@ -1,19 +1,21 @@
 #include "road.h"
 
 #include "testbed/host/host.h"
-#include "testbed/sparkle/SUStep.h"
+#include "testbed/sparkle/steps.h"
+
+#import "testbed/sparkle/SUStep.h"
 
 #include <atomic>
 #include <cstdio>
+#include <fstream>
 #include <mutex>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
 std::mutex mutex;
 bool colours;
-int steps;
+std::vector<road::Line> lines;
 road::Failure lastFailure;
 std::atomic<bool> cycleEnded;
 std::atomic<int> process;
@@ -27,6 +29,7 @@ constexpr Look looks[] = {
     {"plug-in", "\033[36m"},
     {"framework", "\033[33m"},
     {"server", "\033[35m"},
+    {"person", "\033[34m"},
     {"", ""},
 };
 
@@ -50,29 +53,32 @@ std::string listed(const std::vector<std::string>& values) {
 }
 
 // Under the lock.
-void print(road::Actor actor, const std::string& thread, const std::string& text) {
-  const Look& look = looks[static_cast<int>(actor)];
-  printf("%s%4d  %-15s%s %s%-10s%s %s\n", paint("\033[2m"), ++steps, thread.c_str(),
-         paint("\033[0m"), paint(look.colour), look.name, paint("\033[0m"), text.c_str());
+void add(const road::Line& line) {
+  static int steps = 0;
+  lines.push_back(line);
+  if (line.kind == "heading") {
+    printf("\n%s%s%s\n", paint("\033[1m"), line.text.c_str(), paint("\033[0m"));
+  } else {
+    const Look& look = looks[static_cast<int>(line.actor)];
+    printf("%s%4d  %-10s%s %s%-10s%s %s\n", paint("\033[2m"), ++steps, line.thread.c_str(),
+           paint("\033[0m"), paint(look.colour), look.name, paint("\033[0m"), line.text.c_str());
+  }
   fflush(stdout);
 }
 
 // Calls that nothing has come after yet, on any thread: such a call and its answer make one line.
-struct Call {
-  std::string thread, text;
-};
-std::vector<Call> openCalls;
+std::vector<road::Line> openCalls;
 
-void printOpenCalls() {
-  for (const Call& call : openCalls) print(road::Actor::program, call.thread, call.text);
+void addOpenCalls() {
+  for (const road::Line& call : openCalls) add(call);
   openCalls.clear();
 }
 
-void openCall(const std::string& text) {
+void openCall(const std::string& text, const std::string& kind) {
   std::string thread = threadName();
   std::lock_guard lock(mutex);
-  printOpenCalls();
-  openCalls.push_back({thread, text});
+  addOpenCalls();
+  openCalls.push_back({road::Actor::program, thread, kind, text});
 }
 
 // Whether this thread's call was still open; then its line is complete.
@@ -81,7 +87,7 @@ bool closeCall(const std::string& values) {
   std::lock_guard lock(mutex);
   if (openCalls.empty() || openCalls.back().thread != thread) return false;
   if (!values.empty()) openCalls.back().text += ", is answered " + values;
-  printOpenCalls();
+  addOpenCalls();
   return true;
 }
 
@@ -97,16 +103,16 @@ void printStep(const host::Step& step) {
     return road::line(Actor::plugin, "registers the class " + step.className);
   case host::Step::memberCalled:
     if (values.empty() || step.member.find('(') != std::string::npos)
-      return openCall("calls " + step.className + "." + member + with);
-    return openCall("sets " + step.className + "." + member + " to " + values);
+      return openCall("calls " + step.className + "." + member + with, "call " + member);
+    return openCall("sets " + step.className + "." + member + " to " + values, "call " + member);
   case host::Step::memberReturned:
     if (!closeCall(values) && !values.empty())
-      road::line(Actor::plugin, "answers " + member + with);
+      road::line(Actor::plugin, "answers " + member + with, "return " + member);
     return;
   case host::Step::eventRaised:
-    return road::line(Actor::plugin, "raises the event " + member + with);
+    return road::line(Actor::plugin, "raises the event " + member + with, "event " + member);
   case host::Step::eventAnswered:
-    if (!values.empty()) road::line(Actor::program, "answers " + member + with);
+    if (!values.empty()) road::line(Actor::program, "answers " + member + with, "answer " + member);
     return;
   case host::Step::exceptionRaised:
     return road::line(Actor::plugin, "raises the exception " + step.className + ": " + values);
@@ -115,15 +121,18 @@ void printStep(const host::Step& step) {
   }
 }
 
-// What the framework does, said of it.
+// What the framework does, said of it. What a row leaves out is said elsewhere.
 struct Deed {
   NSString* step;
-  const char* does;
+  const char* does; // before the step's detail
 };
 const Deed deeds[] = {
     {SUStepChecking, "checks for updates of"},
-    {SUStepIgnored, "ignores"},
+    {SUStepIgnored, "ignores:"},
     {SUStepDelegate, "tells its delegate"},
+    {SUStepShows, "shows:"},
+    {SUStepAsks, "asks:"},
+    {SUStepAnswered, "presses"},
     {SUStepFetching, "fetches"},
     {SUStepLoaded, "has loaded the feed:"},
     {SUStepComparing, "compares the versions"},
@@ -132,71 +141,75 @@ const Deed deeds[] = {
     {SUStepDownloading, "downloads"},
     {SUStepDownloaded, "has downloaded"},
     {SUStepSignature, "finds the signature"},
-    {SUStepUnpacked, "has unpacked"},
-    {SUStepInstalling, "installs into"},
+    {SUStepUnpacked, "has unpacked the update into"},
+    {SUStepWaiting, "waits:"},
+    {SUStepTrash, "puts the old version aside:"},
     {SUStepInstalled, "has installed"},
-    {SUStepPostponed, "postpones the relaunch into"},
-    {SUStepContinued, "continues the relaunch into"},
-    {SUStepRelaunching, "relaunches"},
-    {SUStepPermission, "asks for permission to check by itself:"},
+    {SUStepPostponed, "waits to be continued with"},
+    {SUStepRelaunching, "relaunches:"},
+    {SUStepTerminating, "tells the application to quit:"},
     {SUStepScheduled, "schedules:"},
     {SUStepFinished, "is done:"},
     {SUStepFailed, "has failed:"},
 };
 
-std::string deed(NSString* step, NSString* detail) {
-  std::string does = std::string([step UTF8String]) + ":";
+void addStep(const steps::Step& step) {
+  if (step.is("downloading")) road::heading("The installation");
+  std::string does = step.name + ":";
   for (const Deed& row : deeds)
-    if ([row.step isEqual:step]) does = row.does;
-  return does + " " + [detail UTF8String];
+    if (step.is([row.step UTF8String])) does = row.does;
+  bool byPerson = step.is("answered");
+  std::string window = step.title.empty() || step.is("shows") ? "" : " \"" + step.title + "\"";
+  road::line(byPerson ? road::Actor::person : road::Actor::framework,
+             does + (byPerson ? "" : window) + " " + step.detail,
+             "step " + step.name + (step.title.empty() ? "" : " " + step.title));
+  std::lock_guard lock(mutex);
+  if (step.process) process = step.process;
+  if (!step.failure.empty()) lastFailure = {step.failure, step.detail};
+  if (step.is("finished") || step.is("failed") || step.is("terminating")) cycleEnded = true;
+}
+
+void addLogLine(NSString* line) {
+  std::string text = [line UTF8String] ?: "";
+  size_t head = text.find("] ");
+  text = text.substr(head == std::string::npos ? 0 : head + 2);
+  while (text.ends_with('\n')) text.pop_back();
+  road::line(road::Actor::nobody, "(log) " + text, "log");
 }
 
 } // namespace
 
-@interface RoadObserver : NSObject
-- (void)step:(NSNotification*)notification;
-@end
-
-@implementation RoadObserver
-- (void)step:(NSNotification*)notification {
-  NSDictionary* info = [notification userInfo];
-  NSString* step = [info objectForKey:@"step"];
-  NSString* detail = [info objectForKey:@"detail"];
-  if ([step isEqual:SUStepDownloading]) road::heading("The installation");
-  if ([step isEqual:SUStepContinued]) road::heading("The relaunch");
-  road::line(road::Actor::framework, deed(step, detail));
-  if ([step isEqual:SUStepRelaunching]) process = [[info objectForKey:@"pid"] intValue];
-  if ([step isEqual:SUStepFailed]) {
-    std::lock_guard lock(mutex);
-    lastFailure = {[[info objectForKey:@"failure"] UTF8String], [detail UTF8String]};
-  }
-  if ([step isEqual:SUStepFinished] || [step isEqual:SUStepFailed]) cycleEnded = true;
-}
-@end
-
 namespace road {
 
 void listen() {
+  _NSLog_printf_handler = addLogLine;
   colours = isatty(STDOUT_FILENO) && !getenv("NO_COLOR");
   host::trace(printStep);
-  [[NSNotificationCenter defaultCenter] addObserver:[RoadObserver new]
-                                           selector:@selector(step:)
-                                               name:SUUpdaterStepNotification
-                                             object:nil];
+  steps::watch(addStep);
 }
 
-void line(Actor actor, const std::string& text) {
+const char* nameOf(Actor actor) { return looks[static_cast<int>(actor)].name; }
+
+void line(Actor actor, const std::string& text, const std::string& kind) {
   std::string thread = threadName();
   std::lock_guard lock(mutex);
-  printOpenCalls();
-  print(actor, thread, text);
+  addOpenCalls();
+  add({actor, thread, kind, text});
 }
 
-void heading(const std::string& text) {
+void heading(const std::string& text) { line(Actor::nobody, text, "heading"); }
+
+std::vector<Line> all() {
   std::lock_guard lock(mutex);
-  printOpenCalls();
-  printf("\n%s%s%s\n", paint("\033[1m"), text.c_str(), paint("\033[0m"));
-  fflush(stdout);
+  return lines;
+}
+
+bool write(const std::string& file) {
+  std::ofstream out(file);
+  for (const Line& line : all())
+    out << line.thread << '\t' << nameOf(line.actor) << '\t' << line.kind << '\t' << line.text
+        << '\n';
+  return bool(out.flush());
 }
 
 void verdict(bool good, const std::string& text) {

@@ -21,18 +21,13 @@ namespace {
 
 // Domain parameters are no secret, and making them takes seconds.
 constexpr char kParameters[] = R"(-----BEGIN DSA PARAMETERS-----
-MIICKAKCAQEAvZAwDnYFGXTJ4DLDozeV0BXEKDJFRiklC93J8rhnAesMMngJWYQn
-s0BrqVHcaFR8O/XAOxEQuPG7CcRx6tIrbpN7U/ni6RLIJKHYZHK8dxAk1NiIjZ7W
-agr9i+0QpDy3MvUIgsm/k33n0BjnKFjJJacUfSyQUm2x0QycKr5gVP/qYxPEl4gX
-VEKHCSoKrGdlvTfUNyEZtfBbNipA4gOqVmogh3I1j6/+msIlz7MoI3K958wj9Un9
-mya98yinfRXAC5eEONBUHyJxjP+vS6KHm844fCgYVjfwNZaZxBypqSejdbNy/GPD
-TboyUyigJ75Y0xogmKDQlmSXNoQAxjjqlwIdAI6OorDDwTn9L6VNSq+P/LtdJWv0
-Op7yRAbYzyMCggEAYwW5xrKwiF/dhFvHMu8b5KhnFK8ATMqEx3joK22XFT3sulOy
-fDLmsyWJgJzsWw+1Do4BkvJgDm51wJ4yDWNFs+mXjWmGjdu5KZGi8DtOCQOsz5F+
-46smqZegzSTV1mJXrAM+lzmDKaf6oGTBvL9rqQHnRLGF0p1A/ektNjIkDEL6USj5
-+k+TBI2HreRcw423qyGL63BTSiJRuAkrKw/tEFl4Zw5DaDeI4milXIJGy3/flzGm
-dalyJy9Earj11xvnHiiMmkqyefBB1c/AV3LrR03zoPmb7sQ/7js6otHRTouXmjwZ
-t4+Un4NONu5CRdlWJf+Mt6AcIQEADhYoqGdgvQ==
+MIIBHgKBgQDoGOOSO6FWEJYCRJWwz/bBmYkSrVjo/84vFbi8t0rbEUVW1TfJb55o
+ClrJxrUUz4ij6QZoCJ4T7/isjYTVPitF2mR0jH85YvmH6wQIZY2PkRs5ScNfQWVD
+ayA1m1hRD7PmCd7zZ0VGGxRMdTBaUaDqbiH6+yaik5f9vRCfZnca6QIVALMJkirr
+Mu//Eg2gSWrcA8J/nzKjAoGAIKQKjxLnR5ogYm4jMV3NZ33FI5qXfCuIk2RVhlYh
+jTMS674wPT0o0h0y3P9K8VFt/rD1wu9QyiyNfEb6IOzb3INb8+R+iWxj0oa5AjSl
+7jpkyHobzWkRCgmgfJFAPJv06KdaAQUVuL6NhTddZ+m1dqfCpQYTLWy1DUM2b1VZ
+btE=
 -----END DSA PARAMETERS-----
 )";
 
@@ -185,7 +180,17 @@ KeyPair make_key_pair() {
           written([&](BIO* bio) { return PEM_write_bio_PUBKEY(bio, key.get()); })};
 }
 
-std::string sign(const KeyPair& keys, const std::string& bytes) {
+std::string sign(const KeyPair& keys, const std::string& archive) {
+  std::string digest(EVP_MAX_MD_SIZE, '\0');
+  unsigned size = 0;
+  if (EVP_Digest(archive.data(), archive.size(), reinterpret_cast<unsigned char*>(digest.data()),
+                 &size, EVP_sha1(), nullptr) != 1)
+    fail("no digest can be made");
+  digest.resize(size);
+  return sign_once(keys, digest);
+}
+
+std::string sign_once(const KeyPair& keys, const std::string& bytes) {
   const Key key(PEM_read_bio_PrivateKey(reader(keys.private_pem).get(), nullptr, nullptr, nullptr));
   if (!key) fail("the private key cannot be read");
   const DigestContext context(EVP_MD_CTX_new());

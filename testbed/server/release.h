@@ -30,15 +30,19 @@ private:
 // A path as it stands in a file URL.
 std::string percent_escaped(const std::string& path);
 
-// DSA, 2048 bits, in PEM form. The domain parameters are fixed, so that a pair is made in no time.
+// DSA, 1024 bits with a q of 160, in PEM form. The domain parameters are fixed, so that a pair is
+// made in no time.
 struct KeyPair {
   std::string private_pem;
   std::string public_pem;
 };
 KeyPair make_key_pair();
 
-// DSA over the SHA-1 of `bytes`, DER, base64 without line breaks: what sparkle:dsaSignature holds.
-std::string sign(const KeyPair& keys, const std::string& bytes);
+// What sparkle:dsaSignature holds: DSA over the SHA-1 of the archive's SHA-1, DER, base64 without
+// line breaks.
+std::string sign(const KeyPair& keys, const std::string& archive);
+// The same over the SHA-1 of `bytes`, which is no signature of an archive.
+std::string sign_once(const KeyPair& keys, const std::string& bytes);
 
 // One entry of an archive, whether a decent one or not.
 struct Entry {

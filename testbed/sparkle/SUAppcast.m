@@ -2,13 +2,15 @@
 #import "SUAppcastItem.h"
 #import "SUDate.h"
 #import "SUFetch.h"
+#import "SUHost.h"
+#import "SUVersion.h"
 #import <Foundation/NSXMLDocument.h>
 #import <Foundation/NSXMLElement.h>
 #import <Foundation/NSXMLNode.h>
 
-static const long long kLargestFeed = 64 << 20;
-
-static BOOL isElement(NSXMLNode* node) { return [node kind] == NSXMLElementKind; }
+static BOOL isElement(NSXMLNode* node, NSString* name) {
+  return [node kind] == NSXMLElementKind && (!name || [[node name] isEqualToString:name]);
+}
 
 // An attribute's name leaves out the prefix when that is declared; its text has it.
 static NSString* fullName(NSXMLNode* attribute) {
@@ -20,7 +22,7 @@ static NSString* fullName(NSXMLNode* attribute) {
       stringByTrimmingCharactersInSet:[NSCharacterSet whitespaceAndNewlineCharacterSet]];
 }
 
-static NSMutableDictionary* attributesOf(NSXMLElement* element) {
+static NSDictionary* attributesOf(NSXMLElement* element) {
   NSMutableDictionary* result = [NSMutableDictionary dictionary];
   for (NSXMLNode* attribute in [element attributes]) {
     NSString *name = fullName(attribute), *value = [attribute stringValue];
@@ -29,60 +31,72 @@ static NSMutableDictionary* attributesOf(NSXMLElement* element) {
   return result;
 }
 
-static NSNumber* wholeNumber(NSString* text) {
-  NSCharacterSet* others =
-      [[NSCharacterSet characterSetWithCharactersInString:@"0123456789"] invertedSet];
-  if (![text length] || [text length] > 18) return nil;
-  if ([text rangeOfCharacterFromSet:others].location != NSNotFound) return nil;
-  return [NSNumber numberWithLongLong:[text longLongValue]];
+// How well the person reads what a node is written in: the lower the better. A node without a
+// language comes after those that fit and before those that do not.
+static NSUInteger rankOf(NSXMLElement* node) {
+  NSArray* languages = SULanguages();
+  NSDictionary* attributes = attributesOf(node);
+  NSString* language = [attributes objectForKey:@"xml:lang"];
+  if (!language) return 2 * [languages count];
+  NSString* primary = [[language componentsSeparatedByString:@"-"] objectAtIndex:0];
+  for (NSUInteger i = 0; i < [languages count]; ++i) {
+    NSString* spoken = [languages objectAtIndex:i];
+    if ([spoken caseInsensitiveCompare:language] == NSOrderedSame) return 2 * i;
+    if ([spoken caseInsensitiveCompare:primary] == NSOrderedSame) return 2 * i + 1;
+  }
+  return 2 * [languages count] + 1;
 }
 
-static NSDictionary* enclosureOf(NSXMLElement* element) {
-  NSMutableDictionary* enclosure = attributesOf(element);
-  NSNumber* length = wholeNumber([enclosure objectForKey:@"length"]);
-  if (length) [enclosure setObject:length forKey:@"length"];
-  return enclosure;
-}
-
-static id valueOfChild(NSXMLElement* child) {
-  NSDictionary* attributes = attributesOf(child);
-  if ([attributes count]) return attributes;
-  NSString* text = [child stringValue];
-  return [text length] ? text : [child name];
-}
-
-static id valueOf(NSXMLElement* element) {
-  if ([[element name] isEqualToString:@"enclosure"]) return enclosureOf(element);
-  NSMutableArray* inside = [NSMutableArray array];
-  for (NSXMLNode* child in [element children])
-    if (isElement(child)) [inside addObject:valueOfChild((NSXMLElement*)child)];
-  if ([inside count]) return inside;
-  NSString* text = [element stringValue];
-  NSDate* date = [[element name] isEqualToString:@"pubDate"] ? SUDateFromFeed(text) : nil;
-  return date ? (id)date : (id)text;
+// The children by their names; of several of one name, the one that the person reads best.
+static NSDictionary* childrenOf(NSXMLElement* item) {
+  NSMutableDictionary* best = [NSMutableDictionary dictionary];
+  for (NSXMLNode* child in [item children]) {
+    if (!isElement(child, nil)) continue;
+    NSXMLElement* other = [best objectForKey:[child name]];
+    if (!other || rankOf((NSXMLElement*)child) < rankOf(other))
+      [best setObject:child forKey:[child name]];
+  }
+  return best;
 }
 
 static NSDictionary* propertiesOf(NSXMLElement* item) {
   NSMutableDictionary* properties = [NSMutableDictionary dictionary];
-  for (NSXMLNode* child in [item children]) {
-    if (!isElement(child) || [properties objectForKey:[child name]]) continue;
-    id value = valueOf((NSXMLElement*)child);
-    if (value) [properties setObject:value forKey:[child name]];
+  NSDictionary* children = childrenOf(item);
+  for (NSString* name in children) {
+    NSXMLElement* child = [children objectForKey:name];
+    id value = [[child stringValue]
+        stringByTrimmingCharactersInSet:[NSCharacterSet whitespaceAndNewlineCharacterSet]];
+    if ([name isEqualToString:@"enclosure"]) value = attributesOf(child);
+    if ([name isEqualToString:@"pubDate"]) value = SUDateFromFeed(value);
+    if (value) [properties setObject:value forKey:name];
   }
   return properties;
 }
 
-static NSMutableArray* itemsOf(NSXMLElement* root, NSURL* base) {
+static NSInteger byDate(id a, id b, void* context) {
+  (void)context;
+  NSDate *first = [a date], *second = [b date];
+  if (!first || !second) return first ? NSOrderedAscending : second ? NSOrderedDescending : 0;
+  return [second compare:first];
+}
+
+// In the order of the feed.
+static NSMutableArray* itemsOf(NSXMLElement* root) {
   NSMutableArray* result = [NSMutableArray array];
+  if (!isElement(root, @"rss")) return result;
   for (NSXMLNode* channel in [root children]) {
-    if (!isElement(channel) || ![[channel name] isEqualToString:@"channel"]) continue;
+    if (!isElement(channel, @"channel")) continue;
     for (NSXMLNode* node in [channel children]) {
-      if (!isElement(node) || ![[node name] isEqualToString:@"item"]) continue;
+      if (!isElement(node, @"item")) continue;
       @autoreleasepool {
-        NSDictionary* properties = propertiesOf((NSXMLElement*)node);
-        SUAppcastItem* item = [[SUAppcastItem alloc] initWithDictionary:properties
-                                                          relativeToURL:base];
-        [result addObject:item];
+        NSString* problem = nil;
+        SUAppcastItem* item =
+            [[SUAppcastItem alloc] initWithDictionary:propertiesOf((NSXMLElement*)node)
+                                              problem:&problem];
+        if (item)
+          [result addObject:item];
+        else
+          NSLog(@"Sparkle: an item of the appcast is left out: %@", problem);
         [item release];
       }
     }
@@ -90,8 +104,8 @@ static NSMutableArray* itemsOf(NSXMLElement* root, NSURL* base) {
   return result;
 }
 
-// The items, retained; nil when `data` is no XML.
-static NSArray* newItems(NSData* data, NSURL* base, NSString** reason) {
+// The items, retained; nil with *reason set when `data` is no XML.
+static NSArray* newItems(NSData* data, NSString** reason) {
   // Nodes must be gone before their document: they are autoreleased in a pool of their own. One
   // document at a time, since the parser's error state is shared.
   @synchronized([SUAppcast class]) {
@@ -101,7 +115,9 @@ static NSArray* newItems(NSData* data, NSURL* base, NSString** reason) {
     @autoreleasepool {
       @try {
         document = [[NSXMLDocument alloc] initWithData:data options:0 error:NULL];
-        if ([document rootElement]) result = [itemsOf([document rootElement], base) retain];
+        if ([document rootElement])
+          result = [[itemsOf([document rootElement]) sortedArrayUsingFunction:byDate
+                                                                      context:NULL] retain];
       } @catch (NSException* exception) {
         // A reference to an entity, for one, is more than the nodes' class can stand.
         why = [[NSString alloc]
@@ -122,124 +138,60 @@ static NSArray* newItems(NSData* data, NSURL* base, NSString** reason) {
 - (void)dealloc {
   [items release];
   [userAgentString release];
-  [incrementalData release];
+  [received release];
   [super dealloc];
 }
 
 - (void)setUserAgentString:(NSString*)userAgent {
-  @synchronized(self) {
-    if (userAgent == userAgentString) return;
-    [userAgentString release];
-    userAgentString = [userAgent copy];
-  }
+  [userAgentString autorelease];
+  userAgentString = [userAgent copy];
 }
 
 - (void)setDelegate:(id)newDelegate {
-  @synchronized(self) {
-    delegate = newDelegate;
-  }
+  delegate = newDelegate;
 }
 
 - (NSArray*)items {
-  @synchronized(self) {
-    return [[items retain] autorelease];
-  }
+  return [[items retain] autorelease];
 }
 
-// How key-value coding reads the bytes while a fetch on another thread replaces them.
-- (NSData*)getIncrementalData {
-  @synchronized(self) {
-    return [[incrementalData retain] autorelease];
-  }
-}
-
-- (BOOL)loadFromURL:(NSURL*)url problem:(SUProblem*)problem {
-  *problem = (SUProblem){nil, nil};
-  NSString* agent;
-  @synchronized(self) {
-    agent = [[userAgentString retain] autorelease];
-  }
-  if (![[url scheme] length]) {
-    *problem = (SUProblem){
-        SUFailureFetch,
-        url ? [NSString stringWithFormat:@"the appcast cannot be fetched: \"%@\" is no URL", url]
-            : @"the appcast cannot be fetched: there is no URL"};
-    return NO;
-  }
-  NSData* data = SUFetchData(url, agent, kLargestFeed, problem);
-  if (!data) {
-    problem->reason = [NSString
-        stringWithFormat:@"the appcast at %@ cannot be fetched: %@", url, problem->reason];
-    return NO;
-  }
-  @synchronized(self) {
-    [incrementalData release];
-    incrementalData = [data retain];
-  }
-  NSString* reason = nil;
-  NSArray* loaded = newItems(data, url, &reason);
-  if (!loaded) {
-    *problem = (SUProblem){
-        SUFailureXML, [NSString stringWithFormat:@"the appcast at %@ is no XML: %@", url, reason]};
-    return NO;
-  }
-  @synchronized(self) {
-    [items release];
-    items = loaded;
-  }
-  if ([loaded count] == 0) {
-    *problem = (SUProblem){SUFailureItems,
-                           [NSString stringWithFormat:@"the appcast at %@ has no items", url]};
-    return NO;
-  }
-  return YES;
-}
-
-- (void)fetchOnThread:(NSURL*)url {
-  @autoreleasepool {
-    SUProblem problem = {nil, nil};
-    @try {
-      SUPostStep(self, SUStepFetching, nil, @"%@", url);
-      BOOL loaded = [self loadFromURL:url problem:&problem];
-      // An empty feed is a feed: only the updater finds fault with it.
-      if ([problem.failure isEqualToString:SUFailureItems]) loaded = YES;
-      id receiver;
-      @synchronized(self) {
-        receiver = [[delegate retain] autorelease];
-      }
-      if (loaded) {
-        SUPostStep(self, SUStepLoaded, nil, @"%lu items from %@",
-                   (unsigned long)[[self items] count], url);
-        if ([receiver respondsToSelector:@selector(appcastDidFinishLoading:)])
-          [receiver appcastDidFinishLoading:self];
-        return;
-      }
-      NSLog(@"Sparkle: %@", problem.reason);
-      SUPostStep(self, SUStepFailed,
-                 [NSDictionary dictionaryWithObject:problem.failure forKey:@"failure"], @"%@",
-                 problem.reason);
-      if ([receiver respondsToSelector:@selector(appcast:failedToLoadWithError:)])
-        [receiver appcast:self
-            failedToLoadWithError:
-                [NSError
-                    errorWithDomain:@"SUSparkleErrorDomain"
-                               code:1000
-                           userInfo:[NSDictionary dictionaryWithObject:problem.reason
-                                                                forKey:NSLocalizedDescriptionKey]]];
-    } @catch (NSException* exception) {
-      NSLog(@"Sparkle: the fetch of %@ ended with an exception: %@", url, exception);
-    }
-  }
+- (id)valueForUndefinedKey:(NSString*)key {
+  if (SUThisVersion()->keepsIncrementalData && [key isEqualToString:@"incrementalData"])
+    return [[received retain] autorelease];
+  return [super valueForUndefinedKey:key];
 }
 
 - (void)fetchAppcastFromURL:(NSURL*)url {
-  static int count;
-  NSThread* thread = [[NSThread alloc] initWithTarget:self
-                                             selector:@selector(fetchOnThread:)
-                                               object:url];
-  [thread setName:[NSString stringWithFormat:@"appcast fetch %d", __sync_add_and_fetch(&count, 1)]];
-  [thread start];
-  [thread release];
+  SUPostStep(self, SUStepFetching, nil, @"%@", url);
+  [SUFetch fetch:url userAgent:userAgentString target:self done:@selector(fetched:)];
+}
+
+- (void)failWith:(NSString*)failure because:(NSString*)reason {
+  if (![delegate respondsToSelector:@selector(appcast:failedToLoadWithError:)]) return;
+  NSDictionary* info = [NSDictionary
+      dictionaryWithObjectsAndKeys:failure, SUFailureKey, reason,
+                                   NSLocalizedFailureReasonErrorKey, nil];
+  [delegate appcast:self
+      failedToLoadWithError:[NSError errorWithDomain:@"SUSparkleErrorDomain"
+                                                code:1000
+                                            userInfo:info]];
+}
+
+- (void)fetched:(SUFetch*)fetch {
+  if ([[fetch data] length]) {
+    [received release];
+    received = [[fetch data] copy];
+  }
+  NSString* reason = [fetch problem];
+  if (reason) return [self failWith:SUFailureFetch because:reason];
+  NSArray* loaded = newItems([fetch data], &reason);
+  if (!loaded) return [self failWith:SUFailureXML because:reason];
+  [items release];
+  items = [loaded count] ? [loaded retain] : nil;
+  [loaded release];
+  SUPostStep(self, SUStepLoaded, nil, @"%lu items", (unsigned long)[items count]);
+  if ([delegate respondsToSelector:@selector(appcastDidFinishLoading:)])
+    [delegate appcastDidFinishLoading:self];
 }
 
 @end

@@ -1,51 +1,46 @@
 #import "SUAppcastItem.h"
 
-static NSString* text(id value) {
-  if (![value isKindOfClass:[NSString class]]) return nil;
-  NSString* trimmed =
-      [value stringByTrimmingCharactersInSet:[NSCharacterSet whitespaceAndNewlineCharacterSet]];
-  return [trimmed length] ? trimmed : nil;
-}
-
-// A URL that can be asked for something: with a scheme, after it was put together with `base`.
-static NSURL* urlFrom(id value, NSURL* base) {
-  NSString* string = text(value);
-  if (!string) return nil;
+static NSURL* urlFrom(NSString* string) {
   @try {
-    NSURL* url = [[NSURL URLWithString:string relativeToURL:base] absoluteURL];
-    return [[url scheme] length] ? url : nil;
+    return string ? [NSURL URLWithString:string] : nil;
   } @catch (NSException* exception) {
     return nil;
   }
 }
 
 // The version in a file's name: "Program_1.2.zip" is 1.2.
-static NSString* versionInName(NSString* path) {
-  NSString* name = [[path lastPathComponent] stringByDeletingPathExtension];
-  NSRange line = [name rangeOfString:@"_" options:NSBackwardsSearch];
-  return line.location == NSNotFound ? nil : text([name substringFromIndex:NSMaxRange(line)]);
+static NSString* versionInName(NSString* url) {
+  NSRange line = [url rangeOfString:@"_" options:NSBackwardsSearch];
+  NSRange dot = [url rangeOfString:@"." options:NSBackwardsSearch];
+  if (line.location == NSNotFound || dot.location == NSNotFound) return nil;
+  if (dot.location <= NSMaxRange(line)) return nil;
+  return [url
+      substringWithRange:NSMakeRange(NSMaxRange(line), dot.location - NSMaxRange(line))];
 }
 
 @implementation SUAppcastItem
 
-- (id)initWithDictionary:(NSDictionary*)properties relativeToURL:(NSURL*)base {
+- (id)initWithDictionary:(NSDictionary*)properties problem:(NSString**)problem {
   if (!(self = [super init])) return nil;
   propertiesDictionary = [properties copy];
-  NSDictionary* enclosure = [self enclosure];
-  releaseNotesURL = [urlFrom([properties objectForKey:@"sparkle:releaseNotesLink"], base) retain];
-  if (!releaseNotesURL) {
-    NSString* description = text([properties objectForKey:@"description"]);
-    if ([description hasPrefix:@"http://"] || [description hasPrefix:@"https://"])
-      releaseNotesURL = [urlFrom(description, nil) retain];
+  NSString* url = [[self enclosure] objectForKey:@"url"];
+  versionString = [[[self enclosure] objectForKey:@"sparkle:version"] copy];
+  if (!versionString) versionString = [versionInName(url) copy];
+  *problem = ![self enclosure] ? @"it has no enclosure"
+             : !url            ? @"its enclosure has no url"
+             : !versionString  ? @"its enclosure has no sparkle:version, and its url none either"
+                               : nil;
+  if (*problem) {
+    [self release];
+    return nil;
   }
-  fileURL = [urlFrom([enclosure objectForKey:@"url"], base) retain];
-  versionString = [text([enclosure objectForKey:@"sparkle:version"]) retain];
-  if (!versionString) versionString = [versionInName([fileURL path]) retain];
+  fileURL =
+      [urlFrom([url stringByAddingPercentEscapesUsingEncoding:NSUTF8StringEncoding]) retain];
+  NSString *notes = [properties objectForKey:@"sparkle:releaseNotesLink"],
+           *description = [self itemDescription];
+  if (!notes && [description hasPrefix:@"http://"]) notes = description;
+  releaseNotesURL = [urlFrom(notes) retain];
   return self;
-}
-
-- (id)initWithDictionary:(NSDictionary*)properties {
-  return [self initWithDictionary:properties relativeToURL:nil];
 }
 
 - (void)dealloc {
@@ -57,12 +52,11 @@ static NSString* versionInName(NSString* path) {
 }
 
 - (NSDictionary*)enclosure {
-  id enclosure = [propertiesDictionary objectForKey:@"enclosure"];
-  return [enclosure isKindOfClass:[NSDictionary class]] ? enclosure : nil;
+  return [propertiesDictionary objectForKey:@"enclosure"];
 }
 
 - (NSString*)title {
-  return text([propertiesDictionary objectForKey:@"title"]);
+  return [propertiesDictionary objectForKey:@"title"];
 }
 
 - (NSString*)versionString {
@@ -70,17 +64,16 @@ static NSString* versionInName(NSString* path) {
 }
 
 - (NSString*)displayVersionString {
-  NSString* display = text([[self enclosure] objectForKey:@"sparkle:shortVersionString"]);
+  NSString* display = [[self enclosure] objectForKey:@"sparkle:shortVersionString"];
   return display ? display : versionString;
 }
 
 - (NSDate*)date {
-  id date = [propertiesDictionary objectForKey:@"pubDate"];
-  return [date isKindOfClass:[NSDate class]] ? date : nil;
+  return [propertiesDictionary objectForKey:@"pubDate"];
 }
 
 - (NSString*)itemDescription {
-  return text([propertiesDictionary objectForKey:@"description"]);
+  return [propertiesDictionary objectForKey:@"description"];
 }
 
 - (NSURL*)releaseNotesURL {
@@ -92,19 +85,15 @@ static NSString* versionInName(NSString* path) {
 }
 
 - (NSString*)DSASignature {
-  return text([[self enclosure] objectForKey:@"sparkle:dsaSignature"]);
+  return [[self enclosure] objectForKey:@"sparkle:dsaSignature"];
 }
 
 - (NSString*)minimumSystemVersion {
-  return text([propertiesDictionary objectForKey:@"sparkle:minimumSystemVersion"]);
+  return [propertiesDictionary objectForKey:@"sparkle:minimumSystemVersion"];
 }
 
 - (NSDictionary*)propertiesDictionary {
   return propertiesDictionary;
-}
-
-- (NSString*)description {
-  return [NSString stringWithFormat:@"<SUAppcastItem %@ \"%@\">", versionString, [self title]];
 }
 
 @end

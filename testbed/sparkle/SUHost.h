@@ -25,9 +25,14 @@
 - (NSString*)path; // of the bundle's folder
 
 - (NSString*)name;
-- (NSString*)version; // CFBundleVersion, else CFBundleShortVersionString; nil without an Info.plist
+- (NSString*)version; // CFBundleVersion, else CFBundleShortVersionString, else "0"
+- (NSString*)userAgent;
+- (BOOL)isOnReadOnlyVolume;
 - (NSString*)publicKey; // the text of the file that SUPublicDSAKeyFile names in Resources
                         // ("dsa_pub.pem" if nothing is named); nil if there is none
+
+// What the system profile says of the machine that the testbed stands for, as feed parameters.
+- (NSArray*)profile;
 
 // A decision, else the Info.plist's value under the same key, else nil.
 - (id)objectForKey:(NSString*)key;
@@ -36,6 +41,14 @@
 - (void)setDecision:(id)value forKey:(NSString*)key; // nil removes it
 
 @end
+
+// The version of the system that the testbed stands for: the environment's SPARKLE_SYSTEM_VERSION,
+// else 10.6.8.
+NSString* SUSystemVersion(void);
+
+// The languages that the person reads, the best first, as in xml:lang: the environment's
+// SPARKLE_LANGUAGES ("de,en"), else English.
+NSArray* SULanguages(void);
 
 // The Info.plist of the bundle in the folder `path`; nil if there is none.
 NSDictionary* SUBundleInfo(NSString* path);

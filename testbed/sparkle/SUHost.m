@@ -1,5 +1,18 @@
 #import "SUHost.h"
+#import "SUVersion.h"
 #include <stdlib.h>
+#include <sys/statvfs.h>
+
+static NSString* fromEnvironment(const char* name, NSString* otherwise) {
+  const char* value = getenv(name);
+  return value && *value ? [NSString stringWithUTF8String:value] : otherwise;
+}
+
+NSString* SUSystemVersion(void) { return fromEnvironment("SPARKLE_SYSTEM_VERSION", @"10.6.8"); }
+
+NSArray* SULanguages(void) {
+  return [fromEnvironment("SPARKLE_LANGUAGES", @"en") componentsSeparatedByString:@","];
+}
 
 // The first of the two layouts in which `relative` exists.
 static NSString* existing(NSString* bundle, NSString* relative) {
@@ -46,8 +59,7 @@ NSString* SUBundleExecutable(NSString* path) {
 
 + (NSBundle*)bundleOrMain:(NSBundle*)bundle {
   if (bundle) return bundle;
-  const char* folder = getenv("SPARKLE_HOST_BUNDLE");
-  NSString* path = folder && *folder ? [NSString stringWithUTF8String:folder] : nil;
+  NSString* path = fromEnvironment("SPARKLE_HOST_BUNDLE", nil);
   NSBundle* chosen = path ? [NSBundle bundleWithPath:path] : nil;
   return chosen ? chosen : [NSBundle mainBundle];
 }
@@ -55,15 +67,14 @@ NSString* SUBundleExecutable(NSString* path) {
 - (id)initWithBundle:(NSBundle*)aBundle {
   if (!(self = [super init])) return nil;
   bundle = [aBundle retain];
-  const char* folder = getenv("SPARKLE_DEFAULTS_DIR");
-  if (folder && *folder) {
-    NSString* identifier = stringOf([self infoForKey:@"CFBundleIdentifier"]);
-    if (!identifier) identifier = [self name];
-    identifier = [identifier stringByReplacingOccurrencesOfString:@"/" withString:@"_"];
-    defaultsPath = [[[NSString stringWithUTF8String:folder]
-        stringByAppendingPathComponent:[identifier stringByAppendingPathExtension:@"plist"]]
-        retain];
-  }
+  NSString* identifier = stringOf([self infoForKey:@"CFBundleIdentifier"]);
+  if (!identifier)
+    NSLog(@"Sparkle Error: %@ has no CFBundleIdentifier, so its settings are not kept.",
+          [self path]);
+  NSString* folder = fromEnvironment("SPARKLE_DEFAULTS_DIR", nil);
+  if (identifier && folder)
+    defaultsPath = [[[folder stringByAppendingPathComponent:identifier]
+        stringByAppendingPathExtension:@"plist"] retain];
   NSDictionary* stored =
       defaultsPath ? [NSDictionary dictionaryWithContentsOfFile:defaultsPath] : nil;
   defaults = stored ? [stored mutableCopy] : [[NSMutableDictionary alloc] init];
@@ -92,7 +103,39 @@ NSString* SUBundleExecutable(NSString* path) {
 
 - (NSString*)version {
   NSString* version = stringOf([self infoForKey:@"CFBundleVersion"]);
-  return version ? version : stringOf([self infoForKey:@"CFBundleShortVersionString"]);
+  if (!version) version = stringOf([self infoForKey:@"CFBundleShortVersionString"]);
+  return version ? version : @"0";
+}
+
+- (NSString*)userAgent {
+  NSString* agent = [NSString
+      stringWithFormat:@"%@/%@ Sparkle/%s", [self name], [self version], SUThisVersion()->number];
+  NSData* ascii = [agent dataUsingEncoding:NSASCIIStringEncoding allowLossyConversion:YES];
+  return [[[NSString alloc] initWithData:ascii encoding:NSASCIIStringEncoding] autorelease];
+}
+
+- (BOOL)isOnReadOnlyVolume {
+  struct statvfs volume;
+  return !statvfs([[self path] fileSystemRepresentation], &volume) && (volume.f_flag & ST_RDONLY);
+}
+
+- (NSArray*)profile {
+  NSString* rows[][2] = {{@"osVersion", SUSystemVersion()},
+                         {@"cputype", @"7"},
+                         {@"cpu64bit", @"1"},
+                         {@"cpusubtype", @"4"},
+                         {@"model", @"MacBook5,1"},
+                         {@"ncpu", @"2"},
+                         {@"lang", [SULanguages() objectAtIndex:0]},
+                         {@"appName", [self name]},
+                         {@"appVersion", [self version]},
+                         {@"cpuFreqMHz", @"2400"},
+                         {@"ramMB", @"2048"}};
+  NSMutableArray* parameters = [NSMutableArray array];
+  for (size_t i = 0; i < sizeof rows / sizeof *rows; ++i)
+    [parameters addObject:[NSDictionary dictionaryWithObjectsAndKeys:rows[i][0], @"key",
+                                                                     rows[i][1], @"value", nil]];
+  return parameters;
 }
 
 - (NSString*)publicKey {

@@ -1,5 +1,6 @@
 #import "SUSignature.h"
 #include <openssl/bio.h>
+#include <openssl/bn.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -30,39 +31,42 @@ static EVP_PKEY* newKey(NSString* pem) {
   return key;
 }
 
-static BOOL verify(EVP_PKEY* key, NSData* signature, NSFileHandle* file) {
+// The OpenSSL of the systems that the framework runs on knows no other size.
+static BOOL isKeyOfItsTime(EVP_PKEY* key) {
+  BIGNUM* q = NULL;
+  BOOL fits = EVP_PKEY_get_bn_param(key, "q", &q) == 1 && BN_num_bits(q) == 160;
+  BN_free(q);
+  return fits;
+}
+
+static BOOL verify(EVP_PKEY* key, NSData* signature, NSData* archive) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned size = 0;
   EVP_MD_CTX* context = EVP_MD_CTX_new();
-  BOOL good = context && EVP_DigestVerifyInit(context, NULL, EVP_sha1(), NULL, key) == 1;
-  for (BOOL more = YES; good && more;) {
-    @autoreleasepool {
-      NSData* block = [file readDataOfLength:1 << 16];
-      more = [block length] > 0;
-      if (more) good = EVP_DigestVerifyUpdate(context, [block bytes], [block length]) == 1;
-    }
-  }
-  good = good && EVP_DigestVerifyFinal(context, [signature bytes], [signature length]) == 1;
+  BOOL good = EVP_Digest([archive bytes], [archive length], digest, &size, EVP_sha1(), NULL) == 1 &&
+              EVP_DigestVerifyInit(context, NULL, EVP_sha1(), NULL, key) == 1 &&
+              EVP_DigestVerify(context, [signature bytes], [signature length], digest, size) == 1;
   EVP_MD_CTX_free(context);
   return good;
 }
 
-NSString* SUSignatureProblem(NSString* path, NSString* signature, NSString* pem) {
+NSString* SUSignatureProblem(NSData* archive, NSString* signature, NSString* pem) {
   if (!pem)
     return @"the program has no public key (dsa_pub.pem in its Resources), so nothing can be "
            @"verified";
   if (![signature length]) return @"the appcast gives no signature (sparkle:dsaSignature)";
   NSData* bytes = decoded(signature);
   if (!bytes) return @"the appcast's signature is no base64";
-  NSFileHandle* file = [NSFileHandle fileHandleForReadingAtPath:path];
-  if (!file) return [NSString stringWithFormat:@"%@ cannot be read", path];
 
   NSString* problem = nil;
   EVP_PKEY* key = newKey(pem);
   if (!key || EVP_PKEY_get_base_id(key) != EVP_PKEY_DSA)
     problem = @"the program's public key is no DSA key in PEM form";
-  else if (!verify(key, bytes, file))
-    problem = @"the signature is not that of the archive";
+  else if (!isKeyOfItsTime(key))
+    problem = @"the program's public key is not one of 160 bits (q)";
+  else if (!verify(key, bytes, archive))
+    problem = @"the signature is not that of the archive's digest";
   EVP_PKEY_free(key);
   ERR_clear_error();
-  [file closeFile];
   return problem;
 }

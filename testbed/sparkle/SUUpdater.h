@@ -1,34 +1,31 @@
 // The updater of one bundle: checks its feed, and downloads, verifies, installs and starts what is
 // newer. The delegate steers each stage (SUUpdaterDelegate.h), and SUStep.h tells how to watch it.
+// How versions differ stands in SUVersion.h.
 //
-// OWNERSHIP. There is one updater for a bundle, for as long as the process lives. sharedUpdater and
-// updaterForBundle: hand it out without retaining it for the caller; even so, programs release what
-// they were handed. The registry's own reference is therefore out of everybody's reach: retain and
-// release only keep a balance (see referenceBalance), and no number of releases frees an updater.
-// The delegate is not retained. While one of its methods runs it is kept alive. After
-// setDelegate:nil the next call finds nobody; a call that is on its way then still arrives, at an
-// object that lives.
+// OWNERSHIP. There is one updater for a bundle, in a table. sharedUpdater and updaterForBundle:
+// hand it out without retaining it for the caller; programs release what they were handed all the
+// same, and so use up the references that it was made with: two in 1.5b6, one in 1.6. When they are
+// gone the updater is, but the table still hands it out, and a check still works for it: whatever
+// is sent to it from then on ends the process with a message that names it.
+// The delegate is not retained.
 //
-// THREADS. Any thread may call. A check returns at once and runs on a thread of its own ("update
-// check n"), and so does the rest of a postponed relaunch ("relaunch n"): delegate messages come
-// from there. The timer of automatic checks and the question for permission run on the main
-// thread's run loop and only while that runs.
+// THREADS. The main thread, and a check works where it was asked for. See README.md.
 //
 // UNITS. Intervals are seconds.
 //
-// ERRORS. feedURL, and with it the three ways to check, raise an NSException named SUNoFeedURL
-// while no feed is set. Whatever else goes wrong ends the check: one log line, one SUStepFailed
-// notification, updateInProgress NO. Nothing is ever thrown out of a thread.
+// ERRORS. feedURL raises an NSException named SUNoFeedURL while no feed is set, and with it the
+// ways to check; whoever checks without a feed has an updater of which updateInProgress stays YES.
+// Whatever else goes wrong ends the check.
 #import <Foundation/Foundation.h>
 
-@class SUHost;
+@class SUCheck, SUHost, SUWindow;
 
 @interface SUUpdater : NSObject {
-  SUHost* host;
+  SUHost* host; // the first one: see SUReleasedUpdater
   id delegate;
-  BOOL updateInProgress;
-  NSTimer* timer; // touched on the main thread only
-  int balance;
+  SUCheck* check; // the last one, over or not
+  NSTimer* timer;
+  SUWindow* question;
 }
 
 + (SUUpdater*)sharedUpdater;
@@ -44,26 +41,27 @@
 - (void)setFeedURL:(NSURL*)url;
 - (NSURL*)feedURL;
 
-// SUEnableAutomaticChecks, SUSendProfileInfo, SUAutomaticallyUpdate: NO until decided. Nobody is
-// here to be asked, so that an update that was found is always downloaded and installed, whatever
-// the last of them says, unless the check is for information only.
+// SUEnableAutomaticChecks: NO until decided, and at an interval of 0. YES at that interval sets a
+// day.
 - (void)setAutomaticallyChecksForUpdates:(BOOL)flag;
 - (BOOL)automaticallyChecksForUpdates;
+// SUSendProfileInfo, SUAutomaticallyUpdate: the user defaults alone count. The second is NO where
+// the Info.plist says NO under SUAllowsAutomaticUpdates.
 - (void)setSendsSystemProfile:(BOOL)flag;
 - (BOOL)sendsSystemProfile;
 - (void)setAutomaticallyDownloadsUpdates:(BOOL)flag;
 - (BOOL)automaticallyDownloadsUpdates;
 
-// SUScheduledCheckInterval; a day by default. The timer takes it as at least an hour; 0 or less
-// switches the timer off. What was set is answered unchanged.
+// SUScheduledCheckInterval; a day by default. The timer takes it as at least an hour; 0 switches
+// automatic checks off. What was set is answered unchanged.
 - (void)setUpdateCheckInterval:(NSTimeInterval)interval;
 - (NSTimeInterval)updateCheckInterval;
 
 // When the last check began, nil before the first one.
 - (NSDate*)lastUpdateCheckDate;
 
-// From the beginning of a check to its end; a postponed relaunch is part of it. A check while one
-// is in progress is ignored.
+// From the beginning of a check to its end; a relaunch that was postponed or refused has none. A
+// check while one is in progress is ignored.
 - (BOOL)updateInProgress;
 
 - (void)checkForUpdates:(id)sender;
@@ -73,11 +71,16 @@
 // Arms the timer anew: due an interval after the last check, at once if that has passed.
 - (void)resetUpdateCycle;
 
-// Beyond the real thing, for tests: when the timer is due (nil: switched off; ask on the main
-// thread), and how many retains minus releases came from outside.
+// Beyond the real thing, for tests: when the timer is due; nil: it is switched off.
 - (NSDate*)nextUpdateCheckDate;
-- (int)referenceBalance;
 
+@end
+
+// For the check.
+@interface SUUpdater (Check)
+- (NSURL*)parameterizedFeedURL; // asks the delegate
+- (NSString*)userAgentString;
+- (void)scheduleNextCheck;
 @end
 
 static NSString* const SUNoFeedURLException = @"SUNoFeedURL";

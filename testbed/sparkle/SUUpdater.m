@@ -1,30 +1,72 @@
 #import "SUUpdater.h"
-#import "SUCycle.h"
+#import "SUCheck.h"
 #import "SUHost.h"
-#import "SUStep.h"
 #import "SUUpdaterDelegate.h"
+#import "SUVersion.h"
+#import "SUWindow.h"
+#include <objc/runtime.h>
+#include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 
 static const NSTimeInterval kDay = 24 * 60 * 60;
+static const NSTimeInterval kWeek = 7 * 24 * 60 * 60;
 static const NSTimeInterval kShortestInterval = 60 * 60;
-static const NSTimeInterval kLongestInterval = 100 * 365 * kDay;
 
-static NSMutableDictionary* updaters; // by the path of the bundle; guarded by the class
+static NSMutableDictionary* updaters; // by the path of the bundle
 
 static NSString* const kFeedURL = @"SUFeedURL";
 static NSString* const kAutomaticChecks = @"SUEnableAutomaticChecks";
 static NSString* const kSendProfile = @"SUSendProfileInfo";
+static NSString* const kLastProfile = @"SULastProfileSubmissionDate";
 static NSString* const kAutomaticDownloads = @"SUAutomaticallyUpdate";
+static NSString* const kAllowsAutomaticDownloads = @"SUAllowsAutomaticUpdates";
 static NSString* const kInterval = @"SUScheduledCheckInterval";
 static NSString* const kLastCheck = @"SULastCheckTime";
 static NSString* const kLaunchedBefore = @"SUHasLaunchedBefore";
 
-@interface SUUpdater ()
-- (id)initWithBundle:(NSBundle*)bundle;
-- (void)startCycle;
-- (void)scheduleAfterAtLeast:(NSTimeInterval)least;
-- (NSString*)key;
+// Between a change of settings and what follows from it.
+static NSTimeInterval pause(void) {
+  const char* text = getenv("SPARKLE_PAUSE");
+  return text ? atof(text) : 1;
+}
+
+// What an updater becomes when its last reference is gone. Its memory stays, so that whoever still
+// uses it is told, where the real thing reads what has been freed.
+@interface SUReleasedUpdater : NSObject {
+  SUHost* host;
+}
+@end
+
+@implementation SUReleasedUpdater
+
+- (void)used:(SEL)selector {
+  fprintf(stderr,
+          "Sparkle: the updater of %s is used after its release (by %s). Make one updater for a "
+          "bundle and keep it as long as the process lives.\n",
+          [[host path] fileSystemRepresentation], sel_getName(selector));
+  abort();
+}
+
+- (id)retain {
+  [self used:_cmd];
+  return nil;
+}
+- (oneway void)release {
+  [self used:_cmd];
+}
+- (id)autorelease {
+  [self used:_cmd];
+  return nil;
+}
+- (BOOL)respondsToSelector:(SEL)selector {
+  [self used:selector];
+  return NO;
+}
+- (NSMethodSignature*)methodSignatureForSelector:(SEL)selector {
+  [self used:selector];
+  return nil;
+}
+
 @end
 
 @implementation SUUpdater
@@ -43,11 +85,7 @@ static NSString* const kLaunchedBefore = @"SUHasLaunchedBefore";
     if (!updater) {
       updater = [[SUUpdater alloc] initWithBundle:bundle];
       [updaters setObject:updater forKey:path];
-      [updater release];
-      // Later, when the program has set its delegate and runs its run loop.
-      [self performSelectorOnMainThread:@selector(startCycleSoon:)
-                             withObject:path
-                          waitUntilDone:NO];
+      if (!SUThisVersion()->sparesAReference) [updater autorelease];
     }
     return updater;
   }
@@ -62,26 +100,25 @@ static NSString* const kLaunchedBefore = @"SUHasLaunchedBefore";
 - (id)initWithBundle:(NSBundle*)bundle {
   if (!(self = [super init])) return nil;
   host = [[SUHost alloc] initWithBundle:bundle];
+  if (SUThisVersion()->startsAtOnce)
+    [self performSelector:@selector(startCycle) withObject:nil afterDelay:0];
+  else
+    [[NSNotificationCenter defaultCenter]
+        addObserver:self
+           selector:@selector(applicationDidFinishLaunching:)
+               name:@"NSApplicationDidFinishLaunchingNotification"
+             object:nil];
   return self;
 }
 
-// Programs release what they were handed and never retained. The updater stays, for them and for
-// the threads that work for it.
-- (id)retain {
-  __sync_add_and_fetch(&balance, 1);
-  return self;
-}
-
-- (oneway void)release {
-  __sync_sub_and_fetch(&balance, 1);
-}
-
-- (NSUInteger)retainCount {
-  return balance > 0 ? (NSUInteger)balance + 1 : 1;
-}
-
-- (int)referenceBalance {
-  return balance;
+- (void)dealloc {
+  [[NSNotificationCenter defaultCenter] removeObserver:self];
+  [question close];
+  [question release];
+  [check release];
+  object_setClass(self, [SUReleasedUpdater class]);
+  return;
+  [super dealloc]; // never: see SUReleasedUpdater
 }
 
 - (NSBundle*)hostBundle {
@@ -89,21 +126,14 @@ static NSString* const kLaunchedBefore = @"SUHasLaunchedBefore";
 }
 
 - (void)setDelegate:(id)newDelegate {
-  @synchronized(self) {
-    delegate = newDelegate;
-  }
+  delegate = newDelegate;
 }
 
 - (id)delegate {
-  @synchronized(self) {
-    return [[delegate retain] autorelease];
-  }
+  return delegate;
 }
 
-- (id)delegateFor:(SEL)selector {
-  id receiver = [self delegate];
-  return [receiver respondsToSelector:selector] ? receiver : nil;
-}
+// Settings.
 
 - (void)setFeedURL:(NSURL*)url {
   [host setDecision:[url absoluteString] forKey:kFeedURL];
@@ -111,27 +141,21 @@ static NSString* const kLaunchedBefore = @"SUHasLaunchedBefore";
 
 - (NSURL*)feedURL {
   id text = [host objectForKey:kFeedURL];
-  if ([text isKindOfClass:[NSString class]])
-    text =
-        [text stringByTrimmingCharactersInSet:[NSCharacterSet
-                                                  characterSetWithCharactersInString:@"\"' \n\t"]];
-  else
-    text = nil;
+  NSCharacterSet* quotes = [NSCharacterSet characterSetWithCharactersInString:@"\"'"];
+  text = [text isKindOfClass:[NSString class]] ? [text stringByTrimmingCharactersInSet:quotes] : nil;
   if (![text length])
-    [NSException
-         raise:SUNoFeedURLException
-        format:@"%@ has no feed: set one with setFeedURL:, or name it in the Info.plist under "
-               @"SUFeedURL",
-               [host name]];
+    [NSException raise:SUNoFeedURLException
+                format:@"You must specify the URL of the appcast as the %s in either the "
+                       @"Info.plist or the user defaults!",
+                       SUThisVersion()->feedKey];
   @try {
     return [NSURL URLWithString:text];
   } @catch (NSException* exception) {
-    return nil; // a check then says that there is no URL
+    return nil;
   }
 }
 
-- (BOOL)flag:(NSString*)key {
-  id value = [host objectForKey:key];
+static BOOL isYes(id value) {
   return [value respondsToSelector:@selector(boolValue)] && [value boolValue];
 }
 
@@ -140,23 +164,25 @@ static NSString* const kLaunchedBefore = @"SUHasLaunchedBefore";
 }
 
 - (BOOL)automaticallyChecksForUpdates {
-  return [self flag:kAutomaticChecks];
+  return [self updateCheckInterval] != 0 && isYes([host objectForKey:kAutomaticChecks]);
 }
 
 - (void)setAutomaticallyChecksForUpdates:(BOOL)flag {
   [self setFlag:flag forKey:kAutomaticChecks];
-  [self resetUpdateCycle];
+  if (flag && [self updateCheckInterval] == 0) [self setUpdateCheckInterval:kDay];
+  [self resetCycleSoon];
 }
 
 - (BOOL)sendsSystemProfile {
-  return [self flag:kSendProfile];
+  return isYes([host decisionForKey:kSendProfile]);
 }
 - (void)setSendsSystemProfile:(BOOL)flag {
   [self setFlag:flag forKey:kSendProfile];
 }
 
 - (BOOL)automaticallyDownloadsUpdates {
-  return [self flag:kAutomaticDownloads];
+  id allowed = [host infoForKey:kAllowsAutomaticDownloads];
+  return (!allowed || isYes(allowed)) && isYes([host decisionForKey:kAutomaticDownloads]);
 }
 - (void)setAutomaticallyDownloadsUpdates:(BOOL)flag {
   [self setFlag:flag forKey:kAutomaticDownloads];
@@ -169,7 +195,8 @@ static NSString* const kLaunchedBefore = @"SUHasLaunchedBefore";
 
 - (void)setUpdateCheckInterval:(NSTimeInterval)interval {
   [host setDecision:[NSNumber numberWithDouble:interval] forKey:kInterval];
-  [self resetUpdateCycle];
+  if (interval == 0) [self setFlag:NO forKey:kAutomaticChecks];
+  [self resetCycleSoon];
 }
 
 - (NSDate*)lastUpdateCheckDate {
@@ -177,153 +204,186 @@ static NSString* const kLaunchedBefore = @"SUHasLaunchedBefore";
   return [date isKindOfClass:[NSDate class]] ? date : nil;
 }
 
+- (NSString*)userAgentString {
+  return [host userAgent];
+}
+
+// Checks.
+
 - (BOOL)updateInProgress {
-  @synchronized(self) {
-    return updateInProgress;
-  }
+  return check && ![check isFinished];
 }
 
-- (void)cycleEnded {
-  @synchronized(self) {
-    updateInProgress = NO;
-  }
-}
-
-- (void)checkForInformationOnly:(BOOL)informationOnly {
-  NSURL* url = nil;
-  BOOL busy;
-  @synchronized(self) {
-    busy = updateInProgress;
-    if (!busy) url = [self feedURL];
-    updateInProgress = YES;
-  }
-  if (busy) {
-    SUPostStep(self, SUStepIgnored, nil, @"a check is in progress");
+- (void)check:(SUCheckKind)kind {
+  if ([self updateInProgress]) {
+    SUPostStep(check, SUStepIgnored, nil, @"a check is in progress");
     return;
   }
+  [check release];
+  check = [[SUCheck alloc] initWithUpdater:self host:host kind:kind];
   [host setDecision:[NSDate date] forKey:kLastCheck];
-  SUCycle* cycle = [[SUCycle alloc] initWithUpdater:self
-                                               host:host
-                                            feedURL:url
-                                    informationOnly:informationOnly];
-  [cycle start];
-  [cycle release];
+  if (SUThisVersion()->keepsALog) {
+    NSLog(@"Sparkle: a new log");
+    NSLog(@"Sparkle: of %@", [[host path] lastPathComponent]);
+  }
+  [self feedURL]; // raises when there is none, and leaves behind a check that never ends
+  [check start];
 }
 
 - (void)checkForUpdates:(id)sender {
   (void)sender;
-  [self checkForInformationOnly:NO];
+  [self check:SUCheckByThePerson];
+}
+
+- (void)checkInBackground {
+  [self check:[self automaticallyDownloadsUpdates] ? SUCheckAutomatic : SUCheckInBackground];
 }
 
 - (void)checkForUpdatesInBackground {
-  [self checkForInformationOnly:NO];
+  if (!SUThisVersion()->checksInBackgroundLater) return [self checkInBackground];
+  [NSThread detachNewThreadSelector:@selector(checkInBackgroundSoon)
+                           toTarget:self
+                         withObject:nil];
+}
+
+- (void)checkInBackgroundSoon {
+  @autoreleasepool {
+    [self performSelectorOnMainThread:@selector(checkInBackground)
+                           withObject:nil
+                        waitUntilDone:NO];
+  }
 }
 
 - (void)checkForUpdateInformation {
-  [self checkForInformationOnly:YES];
+  [self check:SUCheckForInformation];
 }
 
-// The automatic cycle, all of it on the main thread. The timer and the hops to that thread go by
-// the bundle's path, so that they hold no reference to the updater.
+// At most once a week, whatever is set.
+- (BOOL)isProfileDue {
+  NSDate* last = [host decisionForKey:kLastProfile];
+  if (![self sendsSystemProfile] || (last && -[last timeIntervalSinceNow] < kWeek)) return NO;
+  [host setDecision:[NSDate date] forKey:kLastProfile];
+  return YES;
+}
 
-+ (SUUpdater*)updaterOf:(NSString*)path {
-  @synchronized([SUUpdater class]) {
-    return [updaters objectForKey:path];
+- (NSArray*)parametersWithProfile:(BOOL)profile {
+  NSMutableArray* parameters = [NSMutableArray array];
+  SEL selector = @selector(feedParametersForUpdater:sendingSystemProfile:);
+  if ([delegate respondsToSelector:selector]) {
+    SUPostStep(self, SUStepDelegate,
+               [NSDictionary dictionaryWithObject:NSStringFromSelector(selector)
+                                           forKey:@"selector"],
+               @"%@", NSStringFromSelector(selector));
+    NSArray* own = [delegate feedParametersForUpdater:self sendingSystemProfile:profile];
+    if (own) [parameters addObjectsFromArray:own];
   }
+  if (profile) [parameters addObjectsFromArray:[host profile]];
+  return parameters;
 }
 
-+ (void)startCycleSoon:(NSString*)path {
-  [self performSelector:@selector(startCycleOf:) withObject:path afterDelay:0];
+// The whole URL is escaped once the parameters are in it, and so nothing of them that a URL may
+// hold is.
+- (NSURL*)parameterizedFeedURL {
+  NSURL* url = [self feedURL];
+  NSMutableArray* pairs = [NSMutableArray array];
+  for (NSDictionary* parameter in [self parametersWithProfile:[self isProfileDue]])
+    [pairs addObject:[NSString stringWithFormat:@"%@=%@", [parameter objectForKey:@"key"],
+                                                [parameter objectForKey:@"value"]]];
+  if (![pairs count]) return url;
+  NSString* text = [url absoluteString];
+  BOOL hasQuery = [text rangeOfString:@"?"].location != NSNotFound;
+  text = [NSString stringWithFormat:@"%@%@%@", text, hasQuery ? @"&" : @"?",
+                                    [pairs componentsJoinedByString:@"&"]];
+  return [NSURL
+      URLWithString:[text stringByAddingPercentEscapesUsingEncoding:NSUTF8StringEncoding]];
 }
 
-+ (void)startCycleOf:(NSString*)path {
-  [[self updaterOf:path] startCycle];
-}
+// The automatic cycle.
 
-+ (void)scheduleOf:(NSString*)path {
-  [[self updaterOf:path] scheduleAfterAtLeast:0];
-}
-
-+ (void)timerFired:(NSTimer*)fired {
-  SUUpdater* updater = [self updaterOf:[fired userInfo]];
-  @try {
-    [updater checkForUpdatesInBackground];
-  } @catch (NSException* exception) {
-    NSLog(@"Sparkle: the automatic check failed: %@", [exception reason]);
-  }
-  [updater scheduleAfterAtLeast:kShortestInterval];
+- (void)applicationDidFinishLaunching:(NSNotification*)notification {
+  (void)notification;
+  if (SUThisVersion()->worksOnThreads)
+    [NSThread detachNewThreadSelector:@selector(startCycle) toTarget:self withObject:nil];
+  else
+    [self startCycle];
 }
 
 - (BOOL)shouldAskForPermission {
-  if ([host objectForKey:kAutomaticChecks]) return NO;
-  id receiver = [self delegateFor:@selector(updaterShouldPromptForPermissionToCheckForUpdates:)];
-  if (receiver) {
+  if ([host decisionForKey:kAutomaticChecks]) return NO;
+  SEL selector = @selector(updaterShouldPromptForPermissionToCheckForUpdates:);
+  if ([delegate respondsToSelector:selector]) {
     SUPostStep(self, SUStepDelegate,
-               [NSDictionary
-                   dictionaryWithObject:@"updaterShouldPromptForPermissionToCheckForUpdates:"
-                                 forKey:@"selector"],
-               @"updaterShouldPromptForPermissionToCheckForUpdates:");
-    return [receiver updaterShouldPromptForPermissionToCheckForUpdates:self];
+               [NSDictionary dictionaryWithObject:NSStringFromSelector(selector)
+                                           forKey:@"selector"],
+               @"%@", NSStringFromSelector(selector));
+    return [delegate updaterShouldPromptForPermissionToCheckForUpdates:self];
   }
+  if ([host infoForKey:kAutomaticChecks]) return NO;
   // Nobody wants to be asked by a program on the day it is new.
-  BOOL launchedBefore = [self flag:kLaunchedBefore];
+  BOOL launchedBefore = isYes([host decisionForKey:kLaunchedBefore]);
   [self setFlag:YES forKey:kLaunchedBefore];
   return launchedBefore;
 }
 
 - (void)startCycle {
-  @try {
-    if ([self shouldAskForPermission]) {
-      const char* answer = getenv("SPARKLE_PERMISSION");
-      BOOL yes = answer && !strcmp(answer, "yes"), no = answer && !strcmp(answer, "no");
-      if (yes || no) [self setFlag:yes forKey:kAutomaticChecks];
-      SUPostStep(self, SUStepPermission, nil, @"%@",
-                 yes  ? @"given to check automatically"
-                 : no ? @"refused to check automatically"
-                      : @"nobody is here to give it; automatic checks stay off");
-    }
-  } @catch (NSException* exception) {
-    NSLog(@"Sparkle: the question for permission failed: %@", exception);
-  } @catch (id thrown) {
-    NSLog(@"Sparkle: the question for permission failed: an object of class %@ was thrown",
-          [thrown class]);
+  @autoreleasepool {
+    if (![self shouldAskForPermission]) return [self scheduleNextCheck];
+    [self parametersWithProfile:YES]; // to show what would be sent
+    [self performSelectorOnMainThread:@selector(askForPermission)
+                           withObject:nil
+                        waitUntilDone:[NSThread isMainThread]];
   }
-  [self scheduleAfterAtLeast:0];
+}
+
+- (void)askForPermission {
+  question = [[SUWindow alloc]
+      initWithTitle:SUWindowPermission
+            buttons:[NSArray arrayWithObjects:SUButtonCheck, SUButtonDoNotCheck, nil]
+              owner:self
+           answered:@selector(permissionAnswered:)];
+  [question announce:SUStepAsks];
+}
+
+- (void)permissionAnswered:(NSString*)button {
+  [self setFlag:[button isEqualToString:SUButtonCheck] forKey:kAutomaticChecks];
+  [self resetUpdateCycle];
+}
+
+- (void)resetCycleSoon {
+  SEL reset = @selector(resetUpdateCycle);
+  [NSObject cancelPreviousPerformRequestsWithTarget:self selector:reset object:nil];
+  [self performSelector:reset withObject:nil afterDelay:pause()];
 }
 
 - (void)resetUpdateCycle {
-  if ([NSThread isMainThread])
-    [self scheduleAfterAtLeast:0];
-  else
-    [SUUpdater performSelectorOnMainThread:@selector(scheduleOf:)
-                                withObject:[self key]
-                             waitUntilDone:NO];
+  [self scheduleNextCheck];
 }
 
-- (NSString*)key {
-  return [[host path] stringByStandardizingPath];
-}
-
-- (void)scheduleAfterAtLeast:(NSTimeInterval)least {
-  BOOL wasOn = timer != nil;
-  [timer invalidate];
-  [timer release];
+- (void)timerFired:(NSTimer*)fired {
+  (void)fired;
   timer = nil;
-  NSTimeInterval interval = [self updateCheckInterval];
-  if (![self automaticallyChecksForUpdates] || !(interval > 0)) {
-    if (wasOn) SUPostStep(self, SUStepScheduled, nil, @"automatic checks are off");
+  [self checkForUpdatesInBackground];
+}
+
+- (void)scheduleNextCheck {
+  if (![NSThread isMainThread]) {
+    [self performSelectorOnMainThread:_cmd withObject:nil waitUntilDone:NO];
     return;
   }
-  interval = MIN(MAX(interval, kShortestInterval), kLongestInterval);
+  [timer invalidate];
+  timer = nil;
+  if (![self automaticallyChecksForUpdates]) {
+    SUPostStep(self, SUStepScheduled, nil, @"automatic checks are off");
+    return;
+  }
   NSDate* last = [self lastUpdateCheckDate];
-  NSTimeInterval delay = last ? interval + [last timeIntervalSinceNow] : 0;
-  delay = MAX(MIN(delay, interval), least); // a clock that was set back must not postpone for years
-  timer = [[NSTimer timerWithTimeInterval:delay
-                                   target:[SUUpdater class]
-                                 selector:@selector(timerFired:)
-                                 userInfo:[self key]
-                                  repeats:NO] retain];
-  [[NSRunLoop mainRunLoop] addTimer:timer forMode:NSDefaultRunLoopMode];
+  NSTimeInterval interval = MAX([self updateCheckInterval], kShortestInterval);
+  NSTimeInterval delay = last ? MAX(interval + [last timeIntervalSinceNow], 0) : 0;
+  timer = [NSTimer scheduledTimerWithTimeInterval:delay
+                                           target:self
+                                         selector:@selector(timerFired:)
+                                         userInfo:nil
+                                          repeats:NO];
   SUPostStep(self, SUStepScheduled, nil, @"the next automatic check is in %.0f seconds", delay);
 }
 

@@ -1,6 +1,5 @@
 // What a delegate of the updater may implement. Each is optional and looked for with
-// respondsToSelector: right before the call; each comes on the thread of the check, except the
-// question for permission, which comes on the main thread.
+// respondsToSelector: right before the call. README.md says on which thread each comes.
 #import "SUAppcast.h"
 #import "SUAppcastItem.h"
 #import "SUUpdater.h"
@@ -8,12 +7,12 @@
 
 @interface NSObject (SUUpdaterDelegateInformalProtocol)
 
-// May the program be asked whether to check by itself? At the start of the cycle, while nothing is
-// decided. Nobody can be asked here: the answer is the environment's SPARKLE_PERMISSION, "yes" or
-// "no"; without it the question stays open and automatic checks stay off.
+// May a person be asked whether to check automatically? When launching has finished, while the user
+// defaults decide nothing.
 - (BOOL)updaterShouldPromptForPermissionToCheckForUpdates:(SUUpdater*)updater;
 
-// Dictionaries with "key", "value", "displayKey", "displayValue", for the feed URL's query.
+// Dictionaries with "key", "value", "displayKey", "displayValue", for the feed URL's query, as they
+// are: only what no URL may hold is escaped.
 - (NSArray*)feedParametersForUpdater:(SUUpdater*)updater sendingSystemProfile:(BOOL)sendingProfile;
 
 - (void)updater:(SUUpdater*)updater didFinishLoadingAppcast:(SUAppcast*)appcast;
@@ -23,14 +22,13 @@
 - (void)updaterDidNotFindUpdate:(SUUpdater*)updater;
 - (void)updater:(SUUpdater*)updater willInstallUpdate:(SUAppcastItem*)update;
 
-// Asked once in a process. After YES the relaunch waits until the invocation is invoked, on any
-// thread, which returns at once; invoking it again does nothing. Giving the invocation up without
-// invoking it ends the update.
+// Asked once in a process; in 1.5b6 when the update is installed, in 1.6 before. After YES the
+// relaunch waits until the invocation is invoked, and then happens inside that, on that thread.
 - (BOOL)updater:(SUUpdater*)updater
     shouldPostponeRelaunchForUpdate:(SUAppcastItem*)update
                       untilInvoking:(NSInvocation*)invocation;
 
 - (void)updaterWillRelaunchApplication:(SUUpdater*)updater;
-- (NSString*)pathToRelaunchForUpdater:(SUUpdater*)updater; // a bundle or a program
+- (NSString*)pathToRelaunchForUpdater:(SUUpdater*)updater; // nil: nothing is started
 
 @end

@@ -1,6 +1,7 @@
 // A whole update, from a program's side: an installed application, releases on a web server, a
-// program whose updater implements all eleven events and writes down what it is told. Every step is
-// the real one: HTTP, XML, signature, unpacking, installing, starting.
+// program whose updater implements all eleven events and writes down what it is told, and a person
+// who presses the first button of every window. Every step is the real one: HTTP, XML, signature,
+// unpacking, installing, starting.
 #pragma once
 
 #include "session.h"
@@ -30,16 +31,19 @@ public:
   testbed::Folder folder;
   testbed::Application application;
   std::string bundle;
-  testbed::Item item; // 3.0, as it stands in the feed
+  testbed::Item item, older; // 3.0 and 1.0
 
-  // Serves this text as the feed.
+  // Serves both items as the feed, or this text.
+  void feed() { feed(testbed::appcast_xml({item, older})); }
   void feed(const std::string& xml);
   std::string feedURL() const { return server.url("/appcast.xml"); }
+  // The archive of a version of the application.
+  std::string archive(const std::string& version) const;
 
   // A program with an updater bound to the bundle. What its events are told goes into told().
   host::Object updater(host::Handlers replaced = {});
-  // Sets the feed, checks, and turns the run loop until the check has ended. False when it has not
-  // within a minute. A postponed relaunch is completed.
+  // Sets the feed, checks, and turns the run loop until the check has ended, or the application was
+  // told to quit. False when that takes a minute. A postponed relaunch is completed.
   bool check(const host::Object& updater, const char* member = "checkForUpdates");
   Told told() const;
   // The kind of the failure that ended the check ("xml", "fetch", ...); empty when none did.
@@ -50,6 +54,9 @@ public:
   std::string started() const;
 
 private:
+  testbed::Application application_of(const std::string& version) const;
+  testbed::Item publish(const std::string& version, const char* date);
+
   host::Object comparison_;
 };
 

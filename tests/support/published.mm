@@ -1,7 +1,9 @@
 #include "published.h"
 
-#include "testbed/sparkle/SUStep.h"
+#include "testbed/sparkle/steps.h"
 
+#include <atomic>
+#include <cstdlib>
 #include <mutex>
 #include <sys/wait.h>
 
@@ -49,42 +51,47 @@ void foundUpdate(host::Event& event) {
 
 } // namespace
 
-@interface EndObserver : NSObject
-@end
-
-@implementation EndObserver
-- (void)step:(NSNotification*)notification {
-  NSDictionary* info = [notification userInfo];
-  NSString* step = [info objectForKey:@"step"];
-  if ([step isEqual:SUStepRelaunching]) process = [[info objectForKey:@"pid"] intValue];
-  if ([step isEqual:SUStepFailed]) {
-    std::lock_guard lock(mutex);
-    failureKind = [[info objectForKey:@"failure"] UTF8String];
-  }
-  if ([step isEqual:SUStepFinished] || [step isEqual:SUStepFailed]) ended = true;
-}
-@end
-
 namespace published {
 
 Release::Release() {
-  [[NSNotificationCenter defaultCenter] addObserver:[[EndObserver new] autorelease]
-                                           selector:@selector(step:)
-                                               name:SUUpdaterStepNotification
-                                             object:nil];
+  steps::watch([](const steps::Step& step) {
+    std::lock_guard lock(mutex);
+    if (step.process) process = step.process;
+    if (!step.failure.empty()) failureKind = step.failure;
+    if (step.is("finished") || step.is("failed") || step.is("terminating")) ended = true;
+  });
   application.version = "2.0";
   application.public_pem = keys.public_pem;
   application.marker = folder / "started";
   bundle = testbed::write_application(application, folder.path());
+  // As a program's environment has it: a folder for what is temporary, and an application that is
+  // the main bundle.
+  std::filesystem::create_directory(folder / "tmp");
+  setenv("TMPDIR", (folder / "tmp").c_str(), 1);
+  setenv("SPARKLE_HOST_BUNDLE", bundle.c_str(), 1);
+  item = publish("3.0", "Sat, 26 Jul 2008 15:20:11 +0000");
+  older = publish("1.0", "Sat, 19 Jul 2008 15:20:11 +0000");
+  feed();
+}
+
+testbed::Application Release::application_of(const std::string& version) const {
   testbed::Application release = application;
-  std::vector<testbed::Item> items;
-  for (const char* version : {"1.0", "3.0"}) {
-    release.version = version;
-    item = testbed::publish(server, release, keys);
-    item.title = std::string("Version ") + version;
-    items.insert(items.begin(), item);
-  }
-  feed(testbed::appcast_xml(items));
+  release.version = version;
+  release.short_version = version + " for everybody";
+  return release;
+}
+
+testbed::Item Release::publish(const std::string& version, const char* date) {
+  testbed::Item made = testbed::publish(server, application_of(version), keys);
+  made.title = "Version " + version;
+  made.description = "<p>News</p>";
+  made.date = date;
+  made.minimum_system.clear();
+  return made;
+}
+
+std::string Release::archive(const std::string& version) const {
+  return testbed::make_archive(testbed::entries_of(application_of(version)));
 }
 
 void Release::feed(const std::string& xml) { server.serve("/appcast.xml", {xml}); }
@@ -153,10 +160,7 @@ bool Release::check(const host::Object& updater, const char* member) {
   host::set(updater, "feedURL as string", feedURL());
   host::call(updater, member);
   if (!host::runUntil([] { return ended || postponed; }, 60)) return false;
-  if (postponed && !ended) {
-    host::call(updater, "InvokeUpdate");
-    if (!host::runUntil([] { return bool(ended); }, 60)) return false;
-  }
+  if (postponed && !ended) host::call(updater, "InvokeUpdate");
   comparison_.reset();
   host::handle("Updater", "versionComparatorForUpdater as SUVersionComparisonKVZ",
                [](host::Event&) { return nullptr; });

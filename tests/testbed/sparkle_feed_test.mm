@@ -4,6 +4,22 @@
 using testbed::Answer;
 using testbed::Item;
 
+@interface AppcastListener : NSObject {
+@public
+  Journal journal;
+}
+@end
+
+@implementation AppcastListener
+- (void)appcastDidFinishLoading:(SUAppcast*)appcast {
+  journal.add("finished " + std::to_string([[appcast items] count]));
+}
+- (void)appcast:(SUAppcast*)appcast failedToLoadWithError:(NSError*)error {
+  (void)appcast;
+  journal.add("failed " + text([[error userInfo] objectForKey:SUFailureKey]));
+}
+@end
+
 namespace {
 
 class SparkleFeed : public Sparkle {
@@ -12,24 +28,24 @@ protected:
   NSArray* items_of(const std::string& xml) {
     serve_feed(xml);
     SUAppcast* appcast = [[[NSClassFromString(@"SUAppcast") alloc] init] autorelease];
-    const std::size_t before = steps.lines().size();
+    AppcastListener* listener = [[[AppcastListener alloc] init] autorelease];
+    [appcast setDelegate:listener];
     [appcast fetchAppcastFromURL:[NSURL URLWithString:nsstring(server.url("/appcast.xml"))]];
-    EXPECT_TRUE(run_until([&] {
-      const auto lines = steps.lines();
-      for (std::size_t i = before; i < lines.size(); ++i)
-        if (lines[i].rfind("loaded: ", 0) == 0 || lines[i].rfind("failed: ", 0) == 0) return true;
-      return false;
-    }));
+    EXPECT_TRUE(run_until([&] { return !listener->journal.lines().empty(); }));
+    last = listener->journal.lines().empty() ? "" : listener->journal.lines()[0];
     return [appcast items];
   }
+  std::string last; // what the appcast's delegate was told
 
   SUAppcastItem* item_of(const Item& item) {
     NSArray* items = items_of(testbed::appcast_xml({item}));
     return [items count] == 1 ? [items objectAtIndex:0] : nil;
   }
 
+  // With an enclosure that makes it an item.
   SUAppcastItem* item_of_xml(const std::string& inside) {
     Item item;
+    item.url = "http://127.0.0.1:1/D_2.0.zip";
     item.extra = inside;
     return item_of(item);
   }
@@ -51,52 +67,140 @@ std::string with_title(const std::string& title) {
 
 TEST_F(SparkleFeed, ItemReadsEverything) {
   Item made;
-  made.title = "Demo <2.0> & more";
+  made.title = " Demo <2.0> & more\n ";
   made.description = "What is \"new\"";
   made.date = "Sat, 26 Jul 2008 15:20:11 +0200";
-  made.release_notes = "notes/2.html";
+  made.release_notes = "http://example.org/notes/2.html";
   made.minimum_system = "10.6";
   made.version = "200";
   made.short_version = "2.0";
-  made.url = "Demo.zip";
+  made.url = "http://example.org/Dëmo 2%20.zip";
   made.length = "1623481";
   made.signature = "MC0CFQ==";
-  made.extra = "<sparkle:tags><sparkle:criticalUpdate/></sparkle:tags>"
-               "<sparkle:deltas><enclosure url=\"d\" sparkle:deltaFrom=\"1\"/></sparkle:deltas>"
-               "<empty/><title>second</title>";
+  made.extra = "<sparkle:tags> <sparkle:a>one</sparkle:a> two </sparkle:tags>"
+               "<empty/><title>second</title><enclosure url=\"second\"/>";
   SUAppcastItem* item = item_of(made);
   EXPECT_EQ(text([item title]), "Demo <2.0> & more");
   EXPECT_EQ(text([item itemDescription]), "What is \"new\"");
   EXPECT_EQ([[item date] timeIntervalSince1970], 1217078411);
-  EXPECT_EQ(text([[item releaseNotesURL] absoluteString]), server.url("/notes/2.html"));
+  EXPECT_EQ(text([[item releaseNotesURL] absoluteString]), "http://example.org/notes/2.html");
   EXPECT_EQ(text([item minimumSystemVersion]), "10.6");
   EXPECT_EQ(text([item versionString]), "200");
   EXPECT_EQ(text([item displayVersionString]), "2.0");
-  EXPECT_EQ(text([[item fileURL] absoluteString]), server.url("/Demo.zip"));
+  EXPECT_EQ(text([[item fileURL] absoluteString]), "http://example.org/D%C3%ABmo%202%2520.zip");
   EXPECT_EQ(text([item DSASignature]), "MC0CFQ==");
 
   NSDictionary* all = [item propertiesDictionary];
   EXPECT_TRUE([[all objectForKey:@"pubDate"] isKindOfClass:[NSDate class]]);
   NSDictionary* enclosure = [all objectForKey:@"enclosure"];
-  EXPECT_EQ([[enclosure objectForKey:@"length"] intValue], 1623481);
-  EXPECT_TRUE([[enclosure objectForKey:@"length"] isKindOfClass:[NSNumber class]]);
+  EXPECT_EQ(text([enclosure objectForKey:@"length"]), "1623481");
   EXPECT_EQ(text([enclosure objectForKey:@"sparkle:version"]), "200");
-  EXPECT_TRUE([[all objectForKey:@"sparkle:tags"] isEqual:@[ @"sparkle:criticalUpdate" ]]);
-  EXPECT_TRUE([[all objectForKey:@"sparkle:deltas"]
-      isEqual:(@[ @{@"url" : @"d", @"sparkle:deltaFrom" : @"1"} ])]);
+  EXPECT_EQ(text([all objectForKey:@"sparkle:tags"]), "one two");
   EXPECT_EQ(text([all objectForKey:@"empty"]), "");
 }
 
-TEST_F(SparkleFeed, VersionComesFromTheFileNameWhenTheEnclosureHasNone) {
+TEST_F(SparkleFeed, VersionComesFromTheURLWhenTheEnclosureHasNone) {
   Item made;
   for (const auto& [url, version] : {std::pair{"Demo_1.2.3.zip", "1.2.3"},
-                                     {"My_App_4.5b1.dmg", "4.5b1"},
+                                     {"http://a_b.example/My_App_4.5b1.dmg", "4.5b1"},
+                                     {"http://a_b.example/Demo.zip", "b.example/Demo"},
                                      {"Demo.zip", "(nil)"},
-                                     {"Demo_.zip", "(nil)"}}) {
+                                     {"Demo_.zip", "(nil)"},
+                                     {"Demo_1", "(nil)"}}) {
     made.url = url;
     EXPECT_EQ(text([item_of(made) versionString]), version) << url;
     EXPECT_EQ(text([item_of(made) displayVersionString]), version) << url;
   }
+}
+
+TEST_F(SparkleFeed, ItemsThatOfferNothingAreLeftOutAndLogged) {
+  const std::string feed = channel(
+      "<item><title>no enclosure</title></item>"
+      "<item><enclosure sparkle:version=\"1\"/></item>"
+      "<item><sparkle:version>3</sparkle:version><enclosure url=\"a.zip\"/></item>"
+      "<item><title>good</title><enclosure url=\"a.zip\" sparkle:version=\"1\"/></item>");
+  testing::internal::CaptureStderr();
+  NSArray* items = items_of(feed);
+  const std::string log = testing::internal::GetCapturedStderr();
+  ASSERT_EQ([items count], 1u);
+  EXPECT_EQ(text([[items objectAtIndex:0] title]), "good");
+  for (const char* why : {"it has no enclosure", "has no url", "has no sparkle:version"})
+    EXPECT_NE(log.find(why), std::string::npos) << why;
+}
+
+TEST_F(SparkleFeed, FeedWithoutUsableItemsHasNoneAndIsNoFailure) {
+  for (const std::string& feed :
+       {channel(""), channel("<item/>"), std::string("<html><p>An error page</p></html>"),
+        std::string("<rss><item><enclosure url=\"a_1.zip\"/></item></rss>"),
+        std::string("<channel><item><enclosure url=\"a_1.zip\"/></item></channel>")}) {
+    EXPECT_EQ(items_of(feed), nil) << feed;
+    EXPECT_EQ(last, "finished 0") << feed;
+  }
+}
+
+TEST_F(SparkleFeed, ItemsAreSortedByDateTheNewestFirst) {
+  const char* dates[] = {"", "Sat, 19 Jul 2008 15:20:11 +0000", "no date",
+                         "Sat, 26 Jul 2008 15:20:11 +0000", "Sat, 26 Jul 2008 15:20:10 +0000"};
+  std::vector<Item> made;
+  for (const char* date : dates) {
+    made.emplace_back();
+    made.back().date = date;
+    made.back().url = "a.zip";
+    made.back().version = std::to_string(made.size());
+  }
+  std::string order;
+  for (SUAppcastItem* item in items_of(testbed::appcast_xml(made)))
+    order += text([item versionString]);
+  EXPECT_TRUE(order == "45213" || order == "45231") << order;
+}
+
+TEST_F(SparkleFeed, TheLanguageOfThePersonIsTaken) {
+  const std::string item = "<title>any</title><title xml:lang=\"de\">Deutsch</title>"
+                           "<title xml:lang=\"fr-CA\">québécois</title>"
+                           "<title xml:lang=\"fr\">français</title>"
+                           "<title xml:lang=\"en\">English</title>"
+                           "<description xml:lang=\"ja\">first</description>"
+                           "<description xml:lang=\"ko\">second</description>";
+  const struct {
+    const char *languages, *title;
+  } rows[] = {{"en", "English"},       {"de,en", "Deutsch"}, {"fr-CA", "québécois"},
+              {"fr,de", "français"},   {"it", "any"},        {"it,de", "Deutsch"},
+              {"fr-CH,en", "English"}, {"", "English"}};
+  for (const auto& row : rows) {
+    setenv("SPARKLE_LANGUAGES", row.languages, 1);
+    SUAppcastItem* read = item_of_xml(item);
+    EXPECT_EQ(text([read title]), row.title) << row.languages;
+    EXPECT_EQ(text([read itemDescription]), "first");
+  }
+}
+
+TEST_F(SparkleFeed, OfSeveralEnclosuresTheOneInThePersonsLanguageIsTaken) {
+  setenv("SPARKLE_LANGUAGES", "de", 1);
+  NSArray* items =
+      items_of(channel("<item><enclosure url=\"a_1.zip\"/><enclosure xml:lang=\"de\" "
+                       "url=\"b_2.zip\"/><enclosure url=\"c_3.zip\"/></item>"));
+  ASSERT_EQ([items count], 1u);
+  EXPECT_EQ(text([[items objectAtIndex:0] versionString]), "2");
+}
+
+TEST_F(SparkleFeed, ReleaseNotesMayBeADescriptionThatIsAnAddress) {
+  for (const auto& [description, url] :
+       {std::pair{"http://example.org/notes.html", "http://example.org/notes.html"},
+        {"https://example.org/notes.html", "(nil)"},
+        {"See http://example.org", "(nil)"}}) {
+    SUAppcastItem* item =
+        item_of_xml("<description>" + std::string(description) + "</description>");
+    EXPECT_EQ(text([[item releaseNotesURL] absoluteString]), url);
+  }
+}
+
+TEST_F(SparkleFeed, RelativeURLsStayRelative) {
+  Item made;
+  made.url = "files/Demo_2.zip";
+  made.release_notes = "notes.html";
+  SUAppcastItem* item = item_of(made);
+  EXPECT_EQ(text([[item fileURL] absoluteString]), "files/Demo_2.zip");
+  EXPECT_EQ(text([[item releaseNotesURL] absoluteString]), "notes.html");
 }
 
 TEST_F(SparkleFeed, PlainInitGivesAnItemOfNothing) {
@@ -138,14 +242,16 @@ TEST_F(SparkleFeed, DatesInTheUsualForms) {
   for (const auto& row : rows) {
     made.emplace_back();
     made.back().date = row.text;
+    made.back().url = "a.zip";
+    made.back().version = std::to_string(made.size() - 1);
   }
   NSArray* items = items_of(testbed::appcast_xml(made));
   ASSERT_EQ([items count], std::size(rows));
-  for (std::size_t i = 0; i < std::size(rows); ++i) {
-    SUAppcastItem* item = [items objectAtIndex:i];
+  for (SUAppcastItem* item in items) {
+    const int i = [[item versionString] intValue];
     if (rows[i].seconds == -1) {
       EXPECT_EQ([item date], nil) << rows[i].text;
-      EXPECT_EQ(text([[item propertiesDictionary] objectForKey:@"pubDate"]), rows[i].text);
+      EXPECT_EQ([[item propertiesDictionary] objectForKey:@"pubDate"], nil) << rows[i].text;
     } else {
       ASSERT_NE([item date], nil) << rows[i].text;
       EXPECT_EQ([[item date] timeIntervalSince1970], rows[i].seconds) << rows[i].text;
@@ -158,6 +264,7 @@ TEST_F(SparkleFeed, URLsThatAreNoneAreNil) {
                           ":::", "\\\\host\\share", "   ", "http://%00/"}) {
     Item made;
     made.url = url;
+    made.version = "1";
     made.release_notes = url;
     SUAppcastItem* item = item_of(made);
     ASSERT_NE(item, nil) << url;
@@ -170,19 +277,14 @@ TEST_F(SparkleFeed, URLsThatAreNoneAreNil) {
   }
 }
 
-TEST_F(SparkleFeed, MembersOfTheWrongKindAreNil) {
-  SUAppcastItem* item = item_of_xml("<title><b>x</b></title><description><b>x</b></description>"
-                                    "<pubDate><b>x</b></pubDate><enclosure>text</enclosure>"
-                                    "<sparkle:releaseNotesLink><b/></sparkle:releaseNotesLink>"
+TEST_F(SparkleFeed, ElementsInsideAMemberAreItsText) {
+  SUAppcastItem* item = item_of_xml("<title><b>x</b> y</title><pubDate><b>x</b></pubDate>"
                                     "<sparkle:minimumSystemVersion><b/>"
                                     "</sparkle:minimumSystemVersion>");
   ASSERT_NE(item, nil);
-  EXPECT_EQ([item title], nil);
-  EXPECT_EQ([item itemDescription], nil);
+  EXPECT_EQ(text([item title]), "x y");
   EXPECT_EQ([item date], nil);
-  EXPECT_EQ([item releaseNotesURL], nil);
-  EXPECT_EQ([item minimumSystemVersion], nil);
-  EXPECT_EQ([item fileURL], nil);
+  EXPECT_EQ(text([item minimumSystemVersion]), "");
 }
 
 TEST_F(SparkleFeed, PrefixThatIsNotDeclaredStillCounts) {
@@ -190,6 +292,32 @@ TEST_F(SparkleFeed, PrefixThatIsNotDeclaredStillCounts) {
                             "sparkle:version=\"7\"/></item></channel></rss>");
   ASSERT_EQ([items count], 1u);
   EXPECT_EQ(text([[items objectAtIndex:0] versionString]), "7");
+}
+
+TEST_F(SparkleFeed, NamesAreComparedWithTheirPrefixAsWritten) {
+  NSArray* items = items_of("<rss xmlns:other=\"http://example.org/xml/sparkle\"><channel><item>"
+                            "<other:releaseNotesLink>http://a/</other:releaseNotesLink>"
+                            "<enclosure url=\"a_1.zip\" other:version=\"7\"/>"
+                            "</item></channel></rss>");
+  ASSERT_EQ([items count], 1u);
+  SUAppcastItem* item = [items objectAtIndex:0];
+  EXPECT_EQ(text([item versionString]), "1");
+  EXPECT_EQ([item releaseNotesURL], nil);
+  EXPECT_EQ(text([[[item propertiesDictionary] objectForKey:@"enclosure"]
+                objectForKey:@"other:version"]),
+            "7");
+}
+
+TEST_F(SparkleFeed, UTF16IsRead) {
+  const std::string feed = with_title("Größe");
+  NSString* declared = [nsstring(feed) stringByReplacingOccurrencesOfString:@"version=\"1.0\""
+                                                                 withString:@"version=\"1.0\" "
+                                                                            @"encoding=\"UTF-16\""];
+  NSData* bytes = [declared dataUsingEncoding:NSUnicodeStringEncoding];
+  NSArray* items =
+      items_of(std::string(static_cast<const char*>([bytes bytes]), [bytes length]));
+  ASSERT_EQ([items count], 1u);
+  EXPECT_EQ(text([[items objectAtIndex:0] title]), "Größe");
 }
 
 TEST_F(SparkleFeed, TenThousandItems) {
@@ -201,7 +329,7 @@ TEST_F(SparkleFeed, TenThousandItems) {
   }
   NSArray* items = items_of(testbed::appcast_xml(made));
   ASSERT_EQ([items count], 10000u);
-  EXPECT_EQ(text([[items objectAtIndex:9999] title]), "Title 9999");
+  EXPECT_TRUE(text([[items objectAtIndex:9999] title]).starts_with("Title "));
 }
 
 TEST_F(SparkleFeed, TitleOfTenMegabytes) {
@@ -258,60 +386,28 @@ TEST_F(SparkleFeed, HostileXMLIsRefusedOrHarmless) {
 
 // Appcasts that a program makes itself.
 
-@interface AppcastListener : NSObject {
-@public
-  Journal journal;
-}
-@end
-
-@implementation AppcastListener
-- (void)appcastDidFinishLoading:(SUAppcast*)appcast {
-  journal.add("finished " + std::to_string([[appcast items] count]));
-}
-- (void)appcast:(SUAppcast*)appcast failedToLoadWithError:(NSError*)error {
-  (void)appcast;
-  journal.add("failed " + text([error localizedDescription]));
-}
-@end
-
-TEST_F(SparkleFeed, AppcastSendsItsUserAgentAndKeepsTheBytes) {
-  const std::string feed = with_title("x");
-  serve_feed(feed);
-  SUAppcast* appcast = [[NSClassFromString(@"SUAppcast") alloc] init];
-  AppcastListener* listener = [[[AppcastListener alloc] init] autorelease];
-  EXPECT_FALSE([appcast respondsToSelector:NSSelectorFromString(@"userAgentString")]);
-  EXPECT_EQ([appcast valueForKey:@"userAgentString"], nil);
-  EXPECT_EQ([appcast valueForKey:@"incrementalData"], nil);
-  EXPECT_EQ([appcast items], nil);
-  [appcast setUserAgentString:@"Tester/7"];
-  [appcast setDelegate:listener];
-  EXPECT_EQ(text([appcast valueForKey:@"userAgentString"]), "Tester/7");
-  [appcast fetchAppcastFromURL:[NSURL URLWithString:nsstring(server.url("/appcast.xml"))]];
-  ASSERT_TRUE(run_until([&] { return listener->journal.has("finished 1"); }));
-  EXPECT_EQ(server.requests().at(0).user_agent, "Tester/7");
-  NSData* data = [appcast valueForKey:@"incrementalData"];
-  EXPECT_EQ(std::string(static_cast<const char*>([data bytes]), [data length]), feed);
-  [appcast setUserAgentString:nil];
-  EXPECT_EQ([appcast valueForKey:@"userAgentString"], nil);
-  [appcast setDelegate:nil];
-  [appcast release];
-}
-
 TEST_F(SparkleFeed, AppcastWithoutURLTellsTheFailure) {
   SUAppcast* appcast = [[[NSClassFromString(@"SUAppcast") alloc] init] autorelease];
   AppcastListener* listener = [[[AppcastListener alloc] init] autorelease];
   [appcast setDelegate:listener];
+  testing::internal::CaptureStderr();
   [appcast fetchAppcastFromURL:nil];
+  EXPECT_TRUE(listener->journal.lines().empty());
   ASSERT_TRUE(run_until([&] { return listener->journal.has("failed "); }));
   EXPECT_EQ([appcast items], nil);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
-TEST_F(SparkleFeed, AppcastMayBeReleasedWhileItFetches) {
-  Answer stalled{"<rss></rss>"};
-  stalled.trouble = Answer::Trouble::stall;
-  server.serve("/appcast.xml", stalled);
-  SUAppcast* appcast = [[NSClassFromString(@"SUAppcast") alloc] init];
-  [appcast fetchAppcastFromURL:[NSURL URLWithString:nsstring(server.url("/appcast.xml"))]];
-  [appcast release];
-  EXPECT_EQ(wait_for_end(), "failed: fetch");
+TEST_F(SparkleFeed, FailureLeavesTheItemsAsTheyWere) {
+  serve_feed(with_title("x"));
+  SUAppcast* appcast = [[[NSClassFromString(@"SUAppcast") alloc] init] autorelease];
+  AppcastListener* listener = [[[AppcastListener alloc] init] autorelease];
+  [appcast setDelegate:listener];
+  NSURL* url = [NSURL URLWithString:nsstring(server.url("/appcast.xml"))];
+  [appcast fetchAppcastFromURL:url];
+  ASSERT_TRUE(run_until([&] { return listener->journal.has("finished 1"); }));
+  serve_feed("no feed");
+  [appcast fetchAppcastFromURL:url];
+  ASSERT_TRUE(run_until([&] { return listener->journal.has("failed "); }));
+  EXPECT_EQ([[appcast items] count], 1u);
 }

@@ -1,17 +1,18 @@
 // What the tests of the update framework share: a released application, the framework loaded into
-// this process, a delegate that records, and the steps that were posted.
+// this process, a delegate that records, the steps that were posted, and a person who presses the
+// first button of every window unless the test says otherwise (steps::answer).
 #pragma once
 
 #import "SUStep.h"
 #import "SUUpdaterDelegate.h"
 #include "release.h"
 #include "server.h"
+#include "steps.h"
 
 #include <atomic>
 #include <functional>
 #include <gtest/gtest.h>
 #include <mutex>
-#include <objc/runtime.h>
 #include <string>
 #include <vector>
 
@@ -26,10 +27,11 @@ public:
     std::lock_guard lock(mutex_);
     return lines_;
   }
-  bool has(const std::string& part) const {
-    for (const std::string& line : lines())
-      if (line.find(part) != std::string::npos) return true;
-    return false;
+  bool has(const std::string& part) const { return count(part) > 0; }
+  size_t count(const std::string& part) const {
+    size_t found = 0;
+    for (const std::string& line : lines()) found += line.find(part) != std::string::npos;
+    return found;
   }
 
 private:
@@ -42,17 +44,14 @@ private:
 @public
   Journal journal;
   std::vector<std::string> methods;
-  std::atomic<int> onMainThread;
+  std::atomic<int> onMainThread, onOtherThreads;
   BOOL postpone;
   NSInvocation* invocation;
   id comparator;
   NSArray* parameters;
   NSString* relaunchPath;
-  BOOL raises; // every method raises, right after it was recorded
-  id thrown;   // or throws this, if there is one
   BOOL prompt;
   int chosen; // index of the item that bestValidUpdate answers, -1: nil
-  std::function<void(const std::string&)> onCall;
 }
 @end
 
@@ -77,24 +76,30 @@ inline const std::vector<std::string> kAllMethods = {
 
 class Sparkle : public testing::Test {
 protected:
-  Sparkle();
+  explicit Sparkle(const char* version = "1.5b6");
   ~Sparkle() override;
 
   // Runs the main thread's run loop until `condition` holds; false after `seconds`.
-  bool run_until(const std::function<bool()>& condition, double seconds = 20);
-  // Starts a check of `updater` and waits for its end. Answers the last step's name and, after a
-  // failure, ": " and the failure's name.
+  bool run_until(const std::function<bool()>& condition, double seconds = 60);
+  // Until nothing that is due now is left.
+  void run_what_is_due();
+  // Starts a check of `updater` and waits until it is over or the application is told to quit.
+  // Answers the last step's name and, after a failure, ": " and the failure's name.
   std::string check(NSString* method = @"checkForUpdates:");
   // What check() answers, without starting anything.
   std::string wait_for_end();
+  void announce(NSString* notification); // as the application does
 
-  void publish(const std::string& version); // a signed release of the installed application
+  testbed::Item publish(const std::string& version); // signed, of the installed application
   void serve_feed(const std::string& xml);
   void serve_item(const testbed::Item& item);
 
   std::vector<std::string> calls() const { return recorder->journal.lines(); }
+  bool told(const std::string& method) const { return recorder->journal.has(method); }
   std::string step(const std::string& name) const; // detail of the last step of that name
   std::string installed() const { return testbed::installed_version(bundle_path); }
+  void install_again(); // the application as it is now, with all that its members say
+  NSDictionary* kept() const; // the user defaults
 
   NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
   testbed::Folder folder;
@@ -102,10 +107,15 @@ protected:
   testbed::KeyPair keys = testbed::make_key_pair();
   testbed::Application application;
   std::filesystem::path bundle_path;
-  Journal steps; // "step: detail"
+  Journal steps; // "step: detail [thread]"
   std::atomic<int> ends{0};
   std::string end;
   std::vector<int> children; // the programs that were relaunched
   SUUpdater* updater = nil;
   Recorder* recorder = nil;
+};
+
+class Sparkle16 : public Sparkle {
+protected:
+  Sparkle16() : Sparkle("1.6") {}
 };

@@ -2,24 +2,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <objc/runtime.h>
 #include <sys/wait.h>
-
-// Receives the steps for a journal.
-@interface StepObserver : NSObject {
-@public
-  std::function<void(NSDictionary*)> block;
-}
-@end
-
-@implementation StepObserver
-- (void)step:(NSNotification*)notification {
-  block([notification userInfo]);
-}
-@end
-
-namespace {
-StepObserver* observer;
-}
 
 @implementation Recorder
 
@@ -32,12 +16,9 @@ StepObserver* observer;
 }
 
 - (void)called:(SEL)selector with:(const std::string&)what {
-  if ([NSThread isMainThread]) ++onMainThread;
+  ++([NSThread isMainThread] ? onMainThread : onOtherThreads);
   const std::string name = sel_getName(selector);
   journal.add(what.empty() ? name : name + " " + what);
-  if (onCall) onCall(name);
-  if (thrown) @throw thrown;
-  if (raises) [NSException raise:@"FromDelegate" format:@"%s", name.c_str()];
 }
 
 - (NSArray*)feedParametersForUpdater:(SUUpdater*)updater sendingSystemProfile:(BOOL)profile {
@@ -107,46 +88,43 @@ StepObserver* observer;
 
 @end
 
-Sparkle::Sparkle() {
+Sparkle::Sparkle(const char* version) {
   application.public_pem = keys.public_pem;
   application.marker = folder / "marker";
   bundle_path = testbed::write_application(application, folder.path());
   testbed::write_file(folder / "defaults/keep", "");
+  std::filesystem::create_directory(folder / "tmp");
+  setenv("TMPDIR", (folder / "tmp").c_str(), 1);
   setenv("SPARKLE_HOST_BUNDLE", bundle_path.c_str(), 1);
   setenv("SPARKLE_DEFAULTS_DIR", (folder / "defaults").c_str(), 1);
   setenv("SPARKLE_PATIENCE", "1", 1);
+  setenv("SPARKLE_PAUSE", "0", 1);
+  setenv("SPARKLE_VERSION", version, 1);
 
-  observer = [[StepObserver alloc] init];
-  observer->block = [this](NSDictionary* info) {
-    const std::string name = text([info objectForKey:@"step"]);
-    const std::string detail = text([info objectForKey:@"detail"]);
-    if (NSNumber* pid = [info objectForKey:@"pid"]) children.push_back([pid intValue]);
-    steps.add(name + ": " + detail + " [" + text([info objectForKey:@"thread"]) + "]");
-    if (name == "finished" || name == "failed") {
-      NSString* failure = [info objectForKey:@"failure"];
-      end = failure ? name + ": " + text(failure) : name;
+  steps::watch([this](const steps::Step& step) {
+    if (step.process) children.push_back(step.process);
+    steps.add(step.name + ": " + step.detail + " [" + step.thread + "]");
+    if (step.is("finished") || step.is("failed") || step.is("terminating")) {
+      end = step.failure.empty() ? step.name : step.name + ": " + step.failure;
       ++ends;
     }
-  };
-  [[NSNotificationCenter defaultCenter] addObserver:observer
-                                           selector:@selector(step:)
-                                               name:SUUpdaterStepNotification
-                                             object:nil];
+  });
 
   NSBundle* framework = [NSBundle bundleWithPath:nsstring(SPARKLE_FRAMEWORKS "/Sparkle.framework")];
   EXPECT_TRUE([framework load]);
   updater = [[framework classNamed:@"SUUpdater"] sharedUpdater];
   recorder = [[Recorder alloc] init];
   recorder->methods = kAllMethods;
+  recorder->relaunchPath = nsstring(bundle_path);
+  [recorder->relaunchPath retain];
   [updater setDelegate:recorder];
   [updater setFeedURL:[NSURL URLWithString:nsstring(server.url("/appcast.xml"))]];
 }
 
 Sparkle::~Sparkle() {
   [updater setDelegate:nil];
-  [[NSNotificationCenter defaultCenter] removeObserver:observer];
-  [observer release];
   [recorder->invocation release];
+  [recorder->relaunchPath release];
   [recorder release];
   [pool drain];
   // They write into the folder that is about to go.
@@ -168,27 +146,43 @@ bool Sparkle::run_until(const std::function<bool()>& condition, double seconds) 
   return true;
 }
 
+void Sparkle::run_what_is_due() {
+  int turns = 10;
+  run_until([&] { return --turns == 0; });
+}
+
+void Sparkle::announce(NSString* notification) {
+  [[NSNotificationCenter defaultCenter] postNotificationName:notification object:nil];
+}
+
 std::string Sparkle::wait_for_end() {
   const bool ended = run_until([this] { return ends > 0; });
   ends = 0;
-  EXPECT_FALSE(ended && [updater updateInProgress]);
   return ended ? end : "no end";
 }
 
 std::string Sparkle::check(NSString* method) {
+  ends = 0;
   [updater performSelector:NSSelectorFromString(method) withObject:nil];
   return wait_for_end();
 }
 
-void Sparkle::publish(const std::string& version) {
+testbed::Item Sparkle::publish(const std::string& version) {
   testbed::Application release = application;
   release.version = version;
-  testbed::publish(server, release, keys);
+  return testbed::publish(server, release, keys);
 }
 
 void Sparkle::serve_feed(const std::string& xml) { server.serve("/appcast.xml", {xml}); }
 
 void Sparkle::serve_item(const testbed::Item& item) { serve_feed(testbed::appcast_xml({item})); }
+
+void Sparkle::install_again() { testbed::write_application(application, folder.path()); }
+
+NSDictionary* Sparkle::kept() const {
+  return [NSDictionary
+      dictionaryWithContentsOfFile:nsstring(folder / "defaults/org.example.demo.plist")];
+}
 
 std::string Sparkle::step(const std::string& name) const {
   std::string result;

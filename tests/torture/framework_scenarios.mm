@@ -5,10 +5,7 @@
 #include "stage.h"
 
 #include "testbed/server/release.h"
-#include "testbed/sparkle/SUStep.h"
-#include "testbed/sparkle/SUUpdater.h"
-
-#include <atomic>
+#include "testbed/sparkle/steps.h"
 
 namespace torture {
 
@@ -67,28 +64,7 @@ void loadingInPart() {
   expect("again", load(folder), "true");
 }
 
-} // namespace
-
-} // namespace torture
-
-// Waits for the end of a check.
-@interface EndObserver : NSObject {
-@public
-  std::atomic<bool> ended;
-}
-@end
-@implementation EndObserver
-- (void)step:(NSNotification*)notification {
-  NSString* step = [[notification userInfo] objectForKey:@"step"];
-  if ([step isEqual:SUStepFinished] || [step isEqual:SUStepFailed]) ended = true;
-}
-@end
-
-namespace torture {
-
-namespace {
-
-// A check for information, with a feed in a file: a thread of the framework's calls the delegate.
+// A check for information, with a feed in a file.
 void check() {
   testbed::Folder folder;
   testbed::Application application;
@@ -109,30 +85,27 @@ void check() {
     if (!faulty()) fail("the framework is not loaded");
     return;
   }
-  EndObserver* observer = [[EndObserver new] autorelease];
-  NSNotificationCenter* center = [NSNotificationCenter defaultCenter];
-  [center addObserver:observer selector:@selector(step:) name:SUUpdaterStepNotification object:nil];
+  static bool started, ended; // the framework may take steps beyond the end of this
+  steps::watch([](const steps::Step& step) {
+    if (step.is("checking")) started = true;
+    if (step.is("finished") || step.is("failed")) ended = true;
+  });
   host::Object updater = make("OwnSUUpdaterKVZ");
   member(updater, "Constructor(Bundle as folderitem)", {host::folderItem(bundle)});
   assign(updater, "feedURL as string",
          "file://" + testbed::percent_escaped(folder / "appcast.xml"));
-  SUUpdater* framework =
-      updater ? reinterpret_cast<SUUpdater*>(host::get<uint32_t>(updater, "Handle")) : nil;
-  bool started = false;
   // Where the feed did not arrive, the framework raises.
   mixedStep(
       "check",
       [&] {
         if (updater) host::call(updater, "checkForUpdateInformation");
-        started = [framework updateInProgress];
         constexpr double patience = 20;
-        if (started && !host::runUntil([&] { return observer->ended.load(); }, patience))
+        if (started && !host::runUntil([] { return ended; }, patience))
           fail("the check did not end");
       },
       faulty() ? Raises{"NSExceptionKVZ", nullptr} : Raises{});
   if (!started && !faulty()) fail("the check did not start");
   expect("found", found, "SUAppcastItemKVZ");
-  [center removeObserver:observer];
   destroy(updater);
 }
 
