@@ -7,22 +7,10 @@
 
 namespace {
 
-// The host's fields, in its order, and the message that reads each from a calendar date.
-struct DateField {
-  const char* name;
-  SEL (*message)();
-};
-
+// The host's fields, in its order.
 constexpr int kFieldCount = 6;
-constexpr DateField dateFields[kFieldCount] = {{"Year", operator""_sel<"yearOfCommonEra"> },
-                                                {"Month", operator""_sel<"monthOfYear"> },
-                                                 {"Day", operator""_sel<"dayOfMonth"> },
-                                                  {"Hour", operator""_sel<"hourOfDay"> },
-                                                   {"Minute", operator""_sel<"minuteOfHour"> },
-                                                    {
-                                                        "Second",
-                                                        operator""_sel<"secondOfMinute"> },
-                                                   };
+constexpr const char* fieldNames[kFieldCount] = {"Year", "Month",  "Day",
+                                                 "Hour", "Minute", "Second"};
 
 constexpr std::int32_t kLargestMemoryBlock = 0x7FFFFFFE;
 
@@ -39,7 +27,7 @@ bool readDateFields(_REALdate* date, DateFields* fields) {
   if (!date) return false;
   *fields = {};
   for (int i = 0; i < kFieldCount; ++i) {
-    if (!REALGetPropValueInt32(asHostObject(date), dateFields[i].name, &fields->values[i])) {
+    if (!REALGetPropValueInt32(asHostObject(date), fieldNames[i], &fields->values[i])) {
       return false;
     }
   }
@@ -60,14 +48,18 @@ REALobjectStruct* NSDateRB(id date) {
   id calendarDate = send<id>(send<id>("NSCalendarDate"_class, "alloc"_sel),
                              "initWithTimeIntervalSinceReferenceDate:"_sel, seconds);
   if (!send<id>(calendarDate, "autorelease"_sel)) return nullptr;
-  std::int32_t values[kFieldCount];
-  for (int i = 0; i < kFieldCount; ++i) {
-    values[i] = send<std::int32_t>(calendarDate, dateFields[i].message());
-  }
+  auto field = [&](SEL message) { return send<std::int32_t>(calendarDate, message); };
+  std::int32_t year = field("yearOfCommonEra"_sel);
+  std::int32_t month = field("monthOfYear"_sel);
+  std::int32_t day = field("dayOfMonth"_sel);
+  std::int32_t second = field("secondOfMinute"_sel);
+  std::int32_t minute = field("minuteOfHour"_sel);
+  std::int32_t hour = field("hourOfDay"_sel);
+  const std::int32_t values[kFieldCount] = {year, month, day, hour, minute, second};
   REALobjectStruct* result = REALnewInstance("Date");
   if (!result) return nullptr;
   for (int i = 0; i < kFieldCount; ++i) {
-    REALSetPropValueInt32(result, dateFields[i].name, values[i]);
+    REALSetPropValueInt32(result, fieldNames[i], values[i]);
   }
   return result;
 }

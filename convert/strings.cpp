@@ -32,10 +32,6 @@ StoredBytes openBytes(REALstringStruct* string) {
     if (words[1]) stored.bytes = reinterpret_cast<const char*>(words[1] + 1);
     stored.length = words[3];
   } else {
-    if (!PluginGetStringData.resolve()) {
-      int expected = stringByteCount(string);
-      stored.data.length = expected < 0 ? 0 : static_cast<std::uint32_t>(expected);
-    }
     stored.mustDispose = REALGetStringData(string, kAnyEncoding, &stored.data);
     if (stored.mustDispose) {
       stored.bytes = stored.data.data;
@@ -103,8 +99,10 @@ REALstringStruct* CFString2RBString(CFStringRef string) {
   if (units > INT32_MAX / kBytesPerUnit) return nullptr;
   auto* buffer = static_cast<char*>(malloc(static_cast<std::size_t>(units * kBytesPerUnit)));
   if (!buffer) return nullptr;
-  REALstringStruct* result = buildUTF8(string, buffer, units * kBytesPerUnit);
+  REALstringStruct* result = nullptr;
+  id thrown = attempt([&] { result = buildUTF8(string, buffer, units * kBytesPerUnit); });
   free(buffer);
+  if (thrown) objc_exception_throw(thrown);
   return result;
 }
 

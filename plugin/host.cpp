@@ -28,9 +28,10 @@ LenB lenB() {
 }
 
 // A copy of the string's bytes with a 32-bit zero behind them, in a buffer with room for capacity
-// bytes and the zero; null when it does not fit. The caller frees it.
+// bytes and the zero. The caller frees it.
 char* copyBytes(REALstringStruct* string, std::uint32_t length, std::uint32_t capacity) {
-  if (length > capacity || capacity > INT32_MAX - 4) return nullptr;
+  if (capacity < length) capacity = length;
+  if (capacity > INT32_MAX - 4) return nullptr;
   const char* bytes = StringGetCString(string);
   if (!bytes && length) return nullptr;
   auto* buffer = static_cast<char*>(malloc(capacity + 4));
@@ -42,14 +43,11 @@ char* copyBytes(REALstringStruct* string, std::uint32_t length, std::uint32_t ca
 
 } // namespace
 
-int stringByteCount(REALstringStruct* string) {
-  LenB length = lenB();
-  return length ? length(string) : -1;
-}
-
 bool REALGetStringData(REALstringStruct* string, std::uint32_t encoding, REALstringData* data) {
-  if (PluginGetStringData.resolve()) return PluginGetStringData(string, encoding, data) != 0;
-  if (!StringGetCString.resolve() || !lenB() || !string) return false;
+  if (auto get = PluginGetStringData.resolve()) return get(string, encoding, data) != 0;
+  if (!string || !StringGetCString.resolve()) return false;
+  LenB countBytes = lenB();
+  if (!countBytes) return false;
 
   REALstringStruct* converted = nullptr;
   if (encoding != kAnyEncoding && REALGetStringEncoding(string) != encoding) {
@@ -57,9 +55,9 @@ bool REALGetStringData(REALstringStruct* string, std::uint32_t encoding, REALstr
     if (!converted) return false;
     string = converted;
   }
-  int count = stringByteCount(string);
+  int count = countBytes(string);
   auto length = static_cast<std::uint32_t>(count < 0 ? 0 : count);
-  char* buffer = copyBytes(string, length, encoding == kAnyEncoding ? data->length : length);
+  char* buffer = copyBytes(string, length, encoding == kAnyEncoding ? data->length : 0);
   unlock(converted);
   if (!buffer) return false;
   *data = {buffer, length, encoding};

@@ -38,7 +38,7 @@ extern double rbversion;
 extern std::int32_t CurrentREALControlVersion;
 
 // A string's bytes. data is followed by at least one zero byte; encoding is the one asked for.
-// On entry to REALGetStringData, length announces how many bytes the caller expects (see there).
+// On entry to REALGetStringData, length announces for how many bytes there is to be room.
 struct REALstringData {
   char* data;
   std::uint32_t length;
@@ -185,16 +185,12 @@ inline constexpr auto& REALGetArrayValueDouble = arrayElement<double>;
 inline constexpr auto& REALGetArrayValueString = arrayElement<REALstringStruct*>;
 inline constexpr auto& REALGetArrayValueObject = arrayElement<REALobjectStruct*>;
 
-// The number of bytes of a string, from the host language's own LenB; -1 on a host without it.
-int stringByteCount(REALstringStruct* string);
-
 // Reads a string's bytes in an encoding, or as they are stored with kAnyEncoding. Answers false
 // when the host offers no way. On success the caller gives the bytes back with
 // disposeStringData.
 //
 // On hosts without PluginGetStringData the bytes are copied here. For kAnyEncoding the copy has
-// room for exactly the bytes that data->length announces on entry, and is refused when the string
-// turns out longer.
+// room for the bytes that data->length announces on entry, or for the string's where it is longer.
 bool REALGetStringData(REALstringStruct* string, std::uint32_t encoding, REALstringData* data);
 
 // Gives back what REALGetStringData filled.

@@ -168,6 +168,21 @@ TEST_P(Dates, AreWrittenFieldByFieldInOrder) {
                                    "\"Hour\" = 9", "\"Minute\" = 5", "\"Second\" = 30"));
 }
 
+TEST_P(Dates, AreReadFieldByFieldBeforeTheHostsDateIsMade) {
+  start();
+  NSDate* date = [NSDate date];
+  toHost(date);
+  std::vector<std::string> fields;
+  fakes::Spy spy;
+  toHost(date);
+  for (const std::string& message : spy.messages())
+    if (message.starts_with("-[NSCalendarDate ") && !message.ends_with(" autorelease]"))
+      fields.push_back(message.substr(message.find(' ') + 1));
+  EXPECT_THAT(fields, ElementsAre("initWithTimeIntervalSinceReferenceDate:]", "yearOfCommonEra]",
+                                  "monthOfYear]", "dayOfMonth]", "secondOfMinute]", "minuteOfHour]",
+                                  "hourOfDay]"));
+}
+
 TEST_P(Dates, BelongToTheCallerAlone) {
   start();
   EXPECT_EQ(host::referenceCount(toHost([NSDate date])), 1);

@@ -57,6 +57,20 @@ using testing::ElementsAre;
 }
 @end
 
+// Long enough for a buffer, and raises when it is read.
+@interface BrittleString : NSString
+@end
+
+@implementation BrittleString
+- (NSUInteger)length {
+  return 10000;
+}
+- (unichar)characterAtIndex:(NSUInteger)index {
+  [NSException raise:@"Brittle" format:@"unit %lu", static_cast<unsigned long>(index)];
+  return 'x';
+}
+@end
+
 // Any units, paired surrogates or not.
 @interface UnitString : NSString {
 @public
@@ -394,6 +408,17 @@ TEST_P(TextBuffer, ThatDoesNotFitGivesTheNilStringAndIsFreed) {
   }
 }
 
+TEST_P(TextBuffer, IsFreedWhenReadingTheTextThrows) {
+  begin();
+  BrittleString* brittle = [[BrittleString new] autorelease];
+  EXPECT_LT(growth([&] {
+              EXPECT_FALSE(toHost(brittle));
+              EXPECT_EQ(host::takeExceptions().size(), 1u);
+              session::takeLog();
+            }),
+            100'000u);
+}
+
 TEST_P(TextBuffer, IsFreedWithTheString) {
   begin();
   NSString* text = cocoa(repeated(u"x", 10000));
@@ -718,6 +743,30 @@ TEST_P(StringData, TakesOneBufferForACopyAndFreesIt) {
               EXPECT_EQ(faults_calls("malloc") + faults_calls("calloc"), 1u);
             }),
             100'000u);
+}
+
+TEST_P(StringData, IsAskedForOnceAUseWithWhatItsCopyNeeds) {
+  beginWithCopies();
+  const char* const needed[] = {"PluginGetStringData", "StringGetCString", "REALLoadGlobalMethod",
+                                lenB};
+  host::makeAbsent("StringGetCString");
+  host::makeAbsent("REALLoadGlobalMethod");
+  auto lookUps = [&] {
+    host::resetCounts();
+    toCocoa(host::string("abc"));
+    std::vector<uint64_t> all;
+    for (const char* name : needed) all.push_back(host::lookups(name));
+    return all;
+  };
+  EXPECT_THAT(lookUps(), ElementsAre(1, 1, 0, 0)) << "nothing more is needed";
+  host::makePresent("StringGetCString");
+  EXPECT_THAT(lookUps(), ElementsAre(1, 1, 1, 0));
+  host::makePresent("REALLoadGlobalMethod");
+  EXPECT_THAT(lookUps(), ElementsAre(1, 0, 1, 1));
+  EXPECT_THAT(lookUps(), ElementsAre(1, 0, 0, 0));
+  host::makePresent("PluginGetStringData");
+  EXPECT_THAT(lookUps(), ElementsAre(1, 0, 0, 0));
+  EXPECT_THAT(lookUps(), ElementsAre(0, 0, 0, 0));
 }
 
 TEST_P(StringData, WithoutABufferForItsCopyIsNil) {

@@ -62,9 +62,9 @@ Object* fromDate(id object) {
   auto year = send<std::int32_t>(date, sel.yearOfCommonEra);
   auto month = send<std::int32_t>(date, sel.monthOfYear);
   auto day = send<std::int32_t>(date, sel.dayOfMonth);
-  auto hour = send<std::int32_t>(date, sel.hourOfDay);
-  auto minute = send<std::int32_t>(date, sel.minuteOfHour);
   auto second = send<std::int32_t>(date, sel.secondOfMinute);
+  auto minute = send<std::int32_t>(date, sel.minuteOfHour);
+  auto hour = send<std::int32_t>(date, sel.hourOfDay);
   Object* result = host.newInstance("Date");
   host.setInt32(result, "Year", year);
   host.setInt32(result, "Month", month);
