@@ -64,7 +64,7 @@ REALobjectStruct* NSDateRB(id date) {
   return result;
 }
 
-REALobjectStruct* NSDataRB(id data) {
+REALobjectStruct* NSDataRB(id data, bool* raised) {
   if (!data) return nullptr;
   const void* bytes = send<const void*>(data, "bytes"_sel);
   auto length = send<std::int32_t>(data, "length"_sel);
@@ -73,6 +73,7 @@ REALobjectStruct* NSDataRB(id data) {
       length <= kLargestMemoryBlock ? REALNewMemoryBlockOriginal(length) : nullptr;
   if (!block) {
     raiseOutOfMemory(length);
+    if (raised) *raised = true;
     return nullptr;
   }
   void* target = REALMemoryBlockGetPtr(block);

@@ -21,5 +21,6 @@ id NewNSDate(const DateFields& fields);
 REALobjectStruct* NSDateRB(id date);
 
 // A new MemoryBlock with the data's bytes, owned by the caller. Null for empty data. Raises
-// OutOfMemoryException in the host, and answers null, when the host cannot allocate it.
-REALobjectStruct* NSDataRB(id data);
+// OutOfMemoryException in the host, and answers null, when the host cannot allocate it; then it
+// also sets *raised, where that is given.
+REALobjectStruct* NSDataRB(id data, bool* raised = nullptr);

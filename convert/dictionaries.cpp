@@ -42,11 +42,12 @@ void giveBack(Entry& entry) {
 void fillHostDictionary(REALobjectStruct* target, id source, Entry& entry, Nesting nesting) {
   id keys = send<id>(source, "allKeys"_sel);
   auto count = send<std::uint32_t>(keys, "count"_sel);
-  for (std::uint32_t i = 0; i < count && !*nesting.exceeded; ++i) {
+  for (std::uint32_t i = 0; i < count; ++i) {
     id key = send<id>(keys, "objectAtIndex:"_sel, i);
     id value = send<id>(source, "objectForKey:"_sel, key);
     entry.key = NewVariantFromNSObject(key, nesting);
-    entry.value = NewVariantFromNSObject(value, nesting);
+    if (!*nesting.ended) entry.value = NewVariantFromNSObject(value, nesting);
+    if (*nesting.ended) return;
     useMethodsOf(target);
     if (LastDictionarySetter) LastDictionarySetter(target, entry.key, entry.value);
     giveBack(entry);
@@ -57,7 +58,7 @@ id orNull(id object) { return object ? object : send<id>("NSNull"_class, "null"_
 
 void fillCocoaDictionary(id target, REALobjectStruct* source, std::int32_t count, Entry& entry,
                          Nesting nesting) {
-  for (std::int32_t i = 0; i < count && !*nesting.exceeded; ++i) {
+  for (std::int32_t i = 0; i < count && !*nesting.ended; ++i) {
     useMethodsOf(source);
     entry.key = LastDictionaryKeyGetter ? LastDictionaryKeyGetter(source, i) : nullptr;
     useMethodsOf(source); // the host may have run anything meanwhile
@@ -80,13 +81,13 @@ REALobjectStruct* NSDictionaryRB(id dictionary) {
 REALobjectStruct* NSDictionaryRB(id dictionary, Nesting nesting) {
   if (!dictionary) return nullptr;
   nesting = nesting.deeper();
-  if (*nesting.exceeded) return nullptr;
+  if (*nesting.ended) return nullptr;
   REALobjectStruct* result = REALnewInstance("Dictionary");
   if (!result) return nullptr;
   Entry entry{};
   id thrown = attempt([&] { fillHostDictionary(result, dictionary, entry, nesting); });
   LastDictionary = nullptr;
-  if (!thrown && !*nesting.exceeded) return result;
+  if (!thrown && !*nesting.ended) return result;
   giveBack(entry);
   unlock(result);
   if (thrown) objc_exception_throw(thrown);
@@ -100,7 +101,7 @@ id NewNSDictionary(_REALdictionary* dictionary) {
 id NewNSDictionary(_REALdictionary* dictionary, Nesting nesting) {
   if (!dictionary) return nullptr;
   nesting = nesting.deeper();
-  if (*nesting.exceeded) return nullptr;
+  if (*nesting.ended) return nullptr;
   REALobjectStruct* source = asHostObject(dictionary);
   std::int32_t count = 0;
   REALGetPropValueInt32(source, "Count", &count);
@@ -114,5 +115,5 @@ id NewNSDictionary(_REALdictionary* dictionary, Nesting nesting) {
     giveBack(entry);
     objc_exception_throw(thrown);
   }
-  return *nesting.exceeded ? nullptr : result;
+  return *nesting.ended ? nullptr : result;
 }

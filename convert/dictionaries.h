@@ -1,8 +1,9 @@
 // Dictionaries between the host and Cocoa, entry by entry with the rules of variants.h.
 //
-// Neither function raises in the host. Cocoa's exceptions pass through, and leave no host
-// reference behind. The looked-up methods of the dictionary at hand stand in process-wide
-// variables without a lock: two conversions of dictionaries must not run at once.
+// Only data that the host has no room for raises in the host (dates.h). Cocoa's exceptions pass
+// through, and leave no host reference behind. The looked-up methods of the dictionary at hand
+// stand in process-wide variables without a lock: two conversions of dictionaries must not run at
+// once.
 #pragma once
 
 #include "convert/nesting.h"

@@ -145,8 +145,8 @@ id fromArray(REALarrayStruct* array, const ArrayRule& rule, Nesting nesting) {
   id result = send<id>("NSMutableArray"_class, "array"_sel);
   int last = REALGetArrayUBound(array);
   for (int i = 0; i <= last; ++i) {
-    id element = *nesting.exceeded ? nullptr : rule.element(array, i, nesting);
-    if (*nesting.exceeded) return nullptr;
+    id element = *nesting.ended ? nullptr : rule.element(array, i, nesting);
+    if (*nesting.ended) return nullptr;
     // A nil element goes to addObject: as it is: Cocoa raises, and the host program learns of it.
     send<void>(result, "addObject:"_sel, element);
   }

@@ -1,21 +1,22 @@
-// How deep a conversion is. Collections may hold themselves, and a stack ends: a collection nested
-// deeper than kDeepest makes the whole conversion answer null (nil), with nothing leaked.
+// How deep a conversion is, and whether it has ended early: then all of it answers null (nil), with
+// nothing leaked. A collection nested deeper than kDeepest ends it, since collections may hold
+// themselves, and a stack ends; and so does a host exception, of which a call raises one at most.
 #pragma once
 
 inline constexpr unsigned kDeepest = 1024;
 
 struct Nesting {
   unsigned depth;
-  bool* exceeded; // shared by all levels of one conversion
+  bool* ended; // shared by all levels of one conversion
 
   Nesting deeper() const {
-    if (depth >= kDeepest) *exceeded = true;
-    return {depth + 1, exceeded};
+    if (depth >= kDeepest) *ended = true;
+    return {depth + 1, ended};
   }
 };
 
 // Runs convert(nesting) as the outermost level of a conversion.
 template <class Convert> inline auto outermost(Convert convert) {
-  bool exceeded = false;
-  return convert(Nesting{0, &exceeded});
+  bool ended = false;
+  return convert(Nesting{0, &ended});
 }

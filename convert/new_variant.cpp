@@ -62,7 +62,7 @@ struct ClassRule {
 
 REALobjectStruct* fromElements(id collection, const ClassRule&, Nesting nesting) {
   nesting = nesting.deeper();
-  if (*nesting.exceeded) return nullptr;
+  if (*nesting.ended) return nullptr;
   REALarrayStruct* array = REALCreateArray(kArrayOfObjects, -1);
   if (!array) return nullptr;
   REALobjectStruct* element = nullptr;
@@ -71,12 +71,12 @@ REALobjectStruct* fromElements(id collection, const ClassRule&, Nesting nesting)
     int index = 0;
     while (id object = send<id>(enumerator, "nextObject"_sel)) {
       element = NewVariantFromNSObject(object, nesting);
-      if (*nesting.exceeded) return;
+      if (*nesting.ended) return;
       REALInsertArrayValueObject(array, index++, element);
       unlock(element);
     }
   });
-  if (!thrown && !*nesting.exceeded) return asHostObject(array);
+  if (!thrown && !*nesting.ended) return asHostObject(array);
   unlock(element);
   unlock(array);
   if (thrown) objc_exception_throw(thrown);
@@ -92,7 +92,9 @@ REALobjectStruct* fromString(id string, const ClassRule&, Nesting) {
   return variantFromText(string);
 }
 
-REALobjectStruct* fromData(id data, const ClassRule&, Nesting) { return NSDataRB(data); }
+REALobjectStruct* fromData(id data, const ClassRule&, Nesting nesting) {
+  return NSDataRB(data, nesting.ended);
+}
 
 REALobjectStruct* fromDate(id date, const ClassRule&, Nesting) { return NSDateRB(date); }
 

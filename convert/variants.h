@@ -2,9 +2,10 @@
 // wins. Wrapper classes of the plug-in family are found by name; where one is missing, its rule
 // falls through or gives null.
 //
-// Neither function raises in the host or logs. Cocoa's exceptions pass through, and leave no host
-// reference behind. Collections nested deeper than kDeepest (nesting.h), which includes those that
-// hold themselves, give null. Call on a thread that may call the host.
+// Neither function logs. Data that the host has no room for raises in the host (dates.h). Cocoa's
+// exceptions pass through, and leave no host reference behind. Collections nested deeper than
+// kDeepest (nesting.h), which includes those that hold themselves, give null. Call on a thread that
+// may call the host.
 #pragma once
 
 #include "convert/nesting.h"

@@ -396,14 +396,40 @@ TEST_P(ToHostRules, DataGivesAMemoryBlock) {
   EXPECT_FALSE(toHost([NSData data]));
 }
 
-TEST_P(ToHostRules, DataThatTheHostHasNoRoomForRaisesAndGivesNull) {
+// A raise ends the call: nothing more is converted, and what was goes back.
+TEST_P(ToHostRules, DataThatTheHostHasNoRoomForRaisesOnceAndEndsTheConversion) {
   start();
   host::limitMemoryBlocks(2);
-  EXPECT_FALSE(toHost([NSData dataWithBytes:"abc" length:3]));
-  auto raised = host::takeException();
-  ASSERT_TRUE(raised);
-  EXPECT_EQ(raised->className, "OutOfMemoryException");
-  EXPECT_EQ(raised->message, "Failed to allocate a memoryblock with 3 bytes in size.");
+  NSData* large = [NSData dataWithBytes:"abc" length:3];
+  NSData* larger = [NSData dataWithBytes:"abcd" length:4];
+  NSArray* both = [NSArray arrayWithObjects:@"before", large, larger, nil];
+  const struct {
+    NSDictionary* source;
+    unsigned others; // conversions of what is not data
+  } rows[] = {
+      {[NSDictionary dictionaryWithObject:large forKey:@"key"], 1},
+      {[NSDictionary dictionaryWithObject:@"value" forKey:large], 0},
+      {[NSDictionary dictionaryWithObject:larger forKey:large], 0},
+      {[NSDictionary dictionaryWithObjectsAndKeys:large, large, large, larger, nil], 0},
+      {[NSDictionary dictionaryWithObject:both forKey:@"key"], 2},
+      {[NSDictionary dictionaryWithObject:[NSSet setWithObjects:large, larger, nil] forKey:@"key"],
+       1},
+      {[NSDictionary dictionaryWithObject:[NSDictionary dictionaryWithObject:both forKey:@"inner"]
+                                   forKey:@"key"],
+       3},
+  };
+  for (auto& row : rows) {
+    SCOPED_TRACE([[row.source description] UTF8String]);
+    host::resetCounts();
+    EXPECT_FALSE(conversion::dictionaryToHost(row.source));
+    auto raised = host::takeException();
+    ASSERT_TRUE(raised);
+    EXPECT_EQ(raised->count, 1u);
+    EXPECT_EQ(raised->className, "OutOfMemoryException");
+    EXPECT_EQ(host::calls("newMemoryBlock"), 1u);
+    EXPECT_EQ(host::calls("StringToVariant"), row.others);
+    EXPECT_EQ(host::calls("Dictionary.Value(key As Variant, Assigns _value As Variant)"), 0u);
+  }
 }
 
 // ---- Numbers
