@@ -522,25 +522,25 @@ TEST_P(DictionaryRules, ADictionaryIsConvertedOnTheThreadThatAsks) {
 
 // ---- Depth and cycles
 
-TEST_P(Dictionaries, AThousandLevelsAreCarriedToTheHost) {
+TEST_P(Dictionaries, FiveHundredLevelsAreCarriedToTheHost) {
   start();
   id nested = @"core";
-  for (int i = 0; i < 1000; ++i) nested = [NSDictionary dictionaryWithObject:nested forKey:@"k"];
+  for (int i = 0; i < 500; ++i) nested = [NSDictionary dictionaryWithObject:nested forKey:@"k"];
   host::Object level = dictionaryToHost(nested);
-  for (int i = 0; i < 1000; ++i) {
+  for (int i = 0; i < 500; ++i) {
     ASSERT_EQ(host::entries(level).size(), 1u) << "level " << i;
     level = host::at(level, "k");
   }
   EXPECT_EQ(host::describe(level), "\"core\"");
 }
 
-TEST_P(Dictionaries, AThousandLevelsAreCarriedToCocoa) {
+TEST_P(Dictionaries, FiveHundredLevelsAreCarriedToCocoa) {
   start();
   Feeder feeder;
   host::Object nested = host::dictionary({{"k", "core"}});
-  for (int i = 1; i < 1000; ++i) nested = host::dictionary({{"k", nested}});
+  for (int i = 1; i < 500; ++i) nested = host::dictionary({{"k", nested}});
   id level = feeder.convertDictionary(nested);
-  for (int i = 0; i < 1000; ++i) {
+  for (int i = 0; i < 500; ++i) {
     ASSERT_EQ([level count], 1u) << "level " << i;
     level = [level objectForKey:@"k"];
   }
@@ -550,7 +550,7 @@ TEST_P(Dictionaries, AThousandLevelsAreCarriedToCocoa) {
 TEST_P(DictionaryRules, DictionariesAndArraysCountTogetherTowardsTheBound) {
   start();
   Feeder feeder;
-  constexpr int deepest = 1024;
+  constexpr int deepest = 512;
   for (int levels : {deepest, deepest + 1, 5000}) {
     SCOPED_TRACE(levels);
     id cocoa = @"core";

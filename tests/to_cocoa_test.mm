@@ -477,13 +477,13 @@ TEST_P(ToCocoaRules, WithoutTheBoundOneElementIsRead) {
   EXPECT_EQ(feeder.printed(host::array(2, {5, 6})), "[l:5]");
 }
 
-TEST_P(ToCocoaRules, AThousandLevelsOfArraysAreCarried) {
+TEST_P(ToCocoaRules, FiveHundredLevelsOfArraysAreCarried) {
   start();
   Feeder feeder;
   host::Object nested = host::array(8, {"core"});
-  for (int i = 1; i < 1000; ++i) nested = host::array(9, {nested});
+  for (int i = 1; i < 500; ++i) nested = host::array(9, {nested});
   NSArray* level = feeder.convert(nested);
-  for (int i = 1; i < 1000; ++i) {
+  for (int i = 1; i < 500; ++i) {
     ASSERT_EQ([level count], 1u) << "level " << i;
     level = [level objectAtIndex:0];
   }

@@ -322,12 +322,12 @@ TEST_P(ToHostRules, ACollectionThatHoldsItselfGivesNull) {
   [dictionary removeAllObjects];
 }
 
-TEST_P(ToHostRules, AThousandLevelsOfArraysAreCarried) {
+TEST_P(ToHostRules, FiveHundredLevelsOfArraysAreCarried) {
   start();
   id nested = @"core";
-  for (int i = 0; i < 1000; ++i) nested = [NSArray arrayWithObject:nested];
+  for (int i = 0; i < 500; ++i) nested = [NSArray arrayWithObject:nested];
   host::Object level = toHost(nested);
-  for (int i = 0; i < 1000; ++i) {
+  for (int i = 0; i < 500; ++i) {
     ASSERT_EQ(host::upperBound(level), 0) << "level " << i;
     level = host::elements(level)[0].as<host::Object>();
   }

@@ -94,7 +94,7 @@ using fuzz::hex, fuzz::hostLine, fuzz::joined, fuzz::real, fuzz::sortedEntries, 
 constexpr unsigned deepest = 5;
 constexpr unsigned mostValues = 300;
 // Collections nested deeper than this make the whole conversion answer nothing.
-constexpr unsigned carriedDepth = 1024;
+constexpr unsigned carriedDepth = 512;
 // Beyond that many in one tree, letting go of it takes more stack than there is.
 constexpr unsigned mostLevels = 3000;
 
