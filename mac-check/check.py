@@ -4,9 +4,9 @@
     arch -i386 /usr/bin/python2.7 check.py [--framework PATH/Sparkle.framework]
 
 Nothing has to be installed: it needs the Python of Mac OS X 10.6 to 10.14 (python2.6 on 10.6) and
-the file SparkleKVZ.dylib beside this one. It changes nothing on this machine. With --framework it
-also loads the update framework and lets it read a feed from a web server of its own, on this
-machine; nothing is downloaded or installed.
+the file SparkleKVZ.dylib beside this one. With --framework it also loads the update framework and
+lets it read a feed from a web server of its own, on this machine; nothing is downloaded or
+installed. Nothing is left behind.
 
 Each line is one check: "ok NAME", or "FAIL NAME: expected THIS, got THAT". The exit status is 0
 when nothing failed. The last line is for the plug-in's maintainers.
@@ -394,9 +394,11 @@ class Log(object):
         self.file.seek(0)
         said = self.file.read().decode("utf-8", "replace")
         self.file.close()
-        # A line of the log begins with the date, and ends with "]" and what was said.
+        # A line of the log begins with the date, and ends with "]" and what was said. Before it
+        # raises, Mac OS X itself may remark that a selector is not recognised.
         parts = re.split(r"(?m)^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d[^\]]*\] ", said)
-        self.entries = [part.rstrip("\n") for part in parts[1:]]
+        self.entries = [part.rstrip("\n") for part in parts[1:]
+                        if not re.match(r"(\*\*\* )?[-+]\[.*unrecognized selector", part)]
 
 
 # ------------------------------------------------------------------------------------------------
@@ -1262,9 +1264,8 @@ def check_loading(report, options):
     imports = imports_of(options.plugin)
     if imports is not None:
         needed = [(library, name) for library, name, weak in imports if not weak]
-        report.check("the system has each of the %d symbols that the plug-in must have"
-                     % len(needed), [], [name for library, name in needed
-                                         if not system.provides(library, name)])
+        report.check("the system has every symbol that the plug-in must have", [],
+                     [name for library, name in needed if not system.provides(library, name)])
         absent = [name for library, name, weak in imports
                   if weak and not system.provides(library, name)]
         report.fact("symbols absent that may be", " ".join(absent) or "none")
@@ -1830,7 +1831,7 @@ def expected_number(number):
     if code == "q":
         return "int64", send_for_long(number, "longLongValue")
     if code == "Q":  # the lower half alone, on purpose
-        return "uint64", send_for_long(number, "longLongValue") & 0xFFFFFFFF
+        return "uint64", send(number, "unsignedLongValue")
     if code == "f":
         return "single", send_for_double(number, "doubleValue")
     return "double", send_for_double(number, "doubleValue")
@@ -1932,7 +1933,6 @@ def check_values_from_cocoa(report, host):
 
     report.check("no exception", [], host.exceptions())
     host.unlock(item.handle)
-    shutil.rmtree(folder)
 
 
 @group("values to Cocoa", *OLDEST_AND_NEWEST)
@@ -2012,12 +2012,11 @@ def check_values_to_cocoa(report, host):
     report.check("a wrapped object has no reference too many", 1,
                  send_for_integer(wrapped, "retainCount"))
     host.unlock(updater.handle)
-    shutil.rmtree(folder)
 
 
 @group("members", *OLDEST_AND_NEWEST)
 def check_members(report, host):
-    folder = text(HERE.encode("utf-8")) if bytes is not str else text(HERE)
+    folder = text(os.path.realpath(tempfile.mkdtemp()).encode("utf-8"))
     with Pool():
         standing = stand_in()
         feed = send("NSURL", "URLWithString:", string(text(b"http://example.com/feed.xml")))
@@ -2170,6 +2169,7 @@ INFO_PLIST = """<?xml version="1.0" encoding="UTF-8"?>
 <key>CFBundlePackageType</key><string>APPL</string>
 <key>CFBundleVersion</key><string>2.0</string>
 <key>CFBundleShortVersionString</key><string>2.0</string>
+<key>SUPublicDSAKeyFile</key><string>dsa_pub.pem</string>
 </dict></plist>
 """ % IDENTIFIER
 PUBLISHED = 1289052522  # Sat, 06 Nov 2010 14:08:42 +0000
@@ -2208,12 +2208,15 @@ class FeedServer(BaseHTTPRequestHandler):
 
 
 def make_application(folder):
-    """A program that the framework can look for updates of. It is never started."""
+    """A program that the framework can look for updates of. It is never started, and nothing is
+    ever verified with its key; but a program with a feed that is not https should have one."""
     path = os.path.join(folder, "Check.app")
     os.makedirs(os.path.join(path, "Contents", "MacOS"))
     os.makedirs(os.path.join(path, "Contents", "Resources"))
     with open(os.path.join(path, "Contents", "Info.plist"), "w") as plist:
         plist.write(INFO_PLIST)
+    with open(os.path.join(path, "Contents", "Resources", "dsa_pub.pem"), "w") as key:
+        key.write("-----BEGIN PUBLIC KEY-----\n-----END PUBLIC KEY-----\n")
     program = os.path.join(path, "Contents", "MacOS", "Check")
     with open(program, "w") as script:
         script.write("#!/bin/sh\n")
@@ -2298,15 +2301,18 @@ def check_framework(report, host, options):
             host.shared("SUUpdaterKVZ", loaded), host.shared("SUUpdaterKVZ", load, 0),
             host.shared("SUUpdaterKVZ", loaded)))
         item = host.folder_item(path)
-        report.check("LoadFramework", (1, 1), (host.shared("SUUpdaterKVZ", load, item.handle),
-                                               host.shared("SUUpdaterKVZ", loaded)))
+        report.check("LoadFramework", (1, 1, []), (
+            host.shared("SUUpdaterKVZ", load, item.handle),
+            host.shared("SUUpdaterKVZ", loaded), host.exceptions()))
         host.unlock(item.handle)
         if not cocoa_class("SUUpdater"):
+            host.unlock(updater.handle)
+            host.unlock(comparison.handle)
             return
         bundle = send("NSBundle", "bundleWithPath:", string(path))
         numbers = [string_text(send(bundle, "objectForInfoDictionaryKey:", string(text(key))))
                    for key in (b"CFBundleShortVersionString", b"CFBundleVersion")]
-        report.fact("framework", " ".join(str(number) for number in numbers))
+        report.fact("framework", " ".join(str(number) for number in numbers if number) or "?")
 
         item = host.folder_item(text(application.encode("utf-8")))
         constructor = "Constructor(Bundle as folderitem)"
@@ -2398,7 +2404,6 @@ def check_framework(report, host, options):
     with Pool():
         host.unlock(appcast.handle)
     server.shutdown()
-    shutil.rmtree(folder)
     system.forget_settings(IDENTIFIER)
     # A program keeps its updater for as long as it runs, and the comparator with it.
     report.check("only the updater and the comparator stay",
@@ -2440,6 +2445,7 @@ def run_group(options):
     name, host_name = options.only.split("/")
     checks = [checks for known, hosts, checks in groups if known == name][0]
     report = Report("%s, %s" % (name, host_name))
+    tempfile.tempdir = tempfile.mkdtemp()
     try:
         if HOSTS[host_name] is None:
             with Pool():
@@ -2460,17 +2466,19 @@ def run_group(options):
         troubles.append(traceback.format_exc())
     for trouble in troubles:
         report.check("the host's own work", "no trouble", trouble)
+    shutil.rmtree(tempfile.tempdir)
     report.line("end", name)
     os._exit(0)  # nothing of Cocoa or of the plug-in is to run any more
 
 
-def run_child(options, name, host_name):
-    """Runs a group with a host, passes its lines on, and answers them."""
+def run_child(options, folder, name, host_name):
+    """Runs a group with a host, passes its lines on, and answers them. What files it makes go into
+    the folder, for it may crash."""
     command = system.command() + ["--only=%s/%s" % (name, host_name), "--plugin", options.plugin]
     for option in ("framework", "testbed"):
         if getattr(options, option):
             command += ["--" + option, getattr(options, option)]
-    child = subprocess.Popen(command, stdout=subprocess.PIPE)
+    child = subprocess.Popen(command, stdout=subprocess.PIPE, env=dict(os.environ, TMPDIR=folder))
     watch = threading.Timer(PATIENCE, child.kill)
     watch.start()
     lines = []
@@ -2515,9 +2523,11 @@ def main():
     if not on_mac and not options.testbed:
         parser.error("this is no Mac. With --testbed it runs on the stand-in of the developers.")
     options.plugin = options.plugin or Mac.plugin
-    for path in [options.plugin] + [given for given in [options.framework] if given]:
-        if not os.path.exists(path):
-            parser.error("%s is not there." % path)
+    if not os.path.isfile(options.plugin):
+        parser.error("%s is not there. It belongs beside this script." % options.plugin)
+    if options.framework and not os.path.isdir(options.framework):
+        parser.error("%s is no folder. Name the folder Sparkle.framework itself."
+                     % options.framework)
     options.plugin = os.path.abspath(options.plugin)
     system = Mac(None) if on_mac else Linux(options.testbed)
     if options.only:
@@ -2529,14 +2539,15 @@ def main():
     for line in about:
         print("     " + line)
     sys.stdout.flush()
-    lines = []
+    lines, folder = [], tempfile.mkdtemp()
     for name, hosts, checks in groups:
         for host_name in hosts:
             if name != "framework" or options.framework:
-                lines += run_child(options, name, host_name)
+                lines += run_child(options, folder, name, host_name)
         if name == "loading" and [line for kind, line in lines if kind == "FAIL"]:
             print("     Nothing else can be checked.")
             break
+    shutil.rmtree(folder)
     passed_count = len([1 for kind, line in lines if kind == "ok"])
     failed = [line for kind, line in lines if kind == "FAIL"]
     facts = []
