@@ -12,8 +12,8 @@ CYCLES  := 100000
 STRESS  := 60
 SECONDS := 60
 
-# A misspelt setting would do nothing, without a word.
-SETTINGS := CHECK COMPARATOR CYCLES FEED HOST PLUGIN SANITIZE SECONDS STRESS
+# A misspelt setting would do nothing, without a word. Those that there are stand in the help.
+SETTINGS := $(sort $(patsubst %=,%,$(shell sed -n 's/^\#: //p' Makefile | grep -oE '\b[A-Z]+=')))
 UNKNOWN  := $(filter-out $(SETTINGS),$(foreach name,$(.VARIABLES),$(if \
               $(filter command,$(origin $(name))),$(name))))
 ifneq ($(UNKNOWN),)

@@ -1,6 +1,7 @@
 """What make and the tools say to somebody who asked for something that there is not."""
 
 import pathlib
+import re
 import shutil
 import subprocess
 import tempfile
@@ -40,9 +41,16 @@ class Make(unittest.TestCase):
         self.assertIn("There is no setting SANITISE", said)
         self.assertIn(" SANITIZE ", said)
 
-    def test_settings_of_the_help_are_known(self):
-        for setting in ["SANITIZE=1", "HOST=2011.4", "FEED=http://x/y?a=b c", "SECONDS=1"]:
-            self.assertEqual(run("make", "-j2", "-n", "help", setting)[0], 0, setting)
+    def test_settings_that_the_makefile_reads_are_in_the_help_and_known(self):
+        makefile = (ROOT / "Makefile").read_text()
+        own = set(re.findall(r"(?m)^(?:export )?([A-Z_]+) *:=", makefile)) | {"CURDIR", "MAKE"}
+        own -= {"CYCLES", "SECONDS", "STRESS"}
+        settings = set(re.findall(r"\$\(([A-Z_]+)\)", makefile)) - own
+        self.assertGreater(len(settings), 8)
+        said = run("make")[1]
+        for setting in settings:
+            self.assertRegex(said, rf"\b{setting}=")
+            self.assertEqual(run("make", "-j2", "-n", "help", f"{setting}=http://x/y?a=b c")[0], 0, setting)
 
 
 class Tools(unittest.TestCase):
