@@ -4,11 +4,13 @@
 
 #include <gmock/gmock.h>
 
+using testing::AllOf;
 using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 
 // Answers its objects backwards, and may give up half-way.
@@ -130,6 +132,13 @@ protected:
   host::Object observer;
 };
 INSTANTIATE_TEST_SUITE_P(Hosts, Appcast, session::everyInterface(), session::hostName);
+
+TEST_P(Appcast, ALeakedInstanceIsReportedWithTheNameOfThePlugInsFunction) {
+  start();
+  fakes::answer("items") = newItems(1);
+  host::Object listed = itemsOf(appcast);
+  EXPECT_THAT(host::leakReport(), AllOf(HasSubstr("SparkleKVZ"), Not(HasSubstr("(no symbol)"))));
+}
 
 TEST_P(Appcast, DeclaresItsMembersInTheirOrder) {
   start();

@@ -88,6 +88,10 @@ std::string codeName(void* address) {
   char number[32];
   Dl_info info{};
   if (!dladdr(address, &info) || !info.dli_fname) {
+    // What no dynamic linker has mapped may be a bundle, if this process has a loader of those.
+    using Describe = const char* (*)(const void*);
+    static auto describe = reinterpret_cast<Describe>(dlsym(RTLD_DEFAULT, "loader_describe"));
+    if (const char* text = describe ? describe(address) : nullptr) return text;
     snprintf(number, sizeof number, "%p (no symbol)", address);
     return number;
   }
