@@ -1,5 +1,6 @@
 """Every piece of host-language code in the documents is done by a test of its name in
-tests/guide_test.mm, line by line. What else the guide claims names the test that saw it."""
+tests/guide_test.mm, line by line. What else the guide claims names the test that saw it, there or in
+one of the other tests/guide_*_test.mm."""
 
 import re
 import unittest
@@ -8,9 +9,10 @@ import hostlanguage
 import markdown
 import registered
 
-TEST = re.compile(r"^TEST_P\(Guide, (\w+)\) \{\n(.*?)^\}", re.MULTILINE | re.DOTALL)
+TEST = re.compile(r"^TEST_P\(Guide\w*, (\w+)\) \{\n(.*?)^\}", re.MULTILINE | re.DOTALL)
 QUOTED = re.compile(r"^\s*// \| (.*)$")
 SOURCE = "tests/guide_test.mm"
+SOURCES = [SOURCE, "tests/guide_claims_test.mm", "tests/guide_publishing_test.mm"]
 
 
 def camel(marker):
@@ -18,7 +20,7 @@ def camel(marker):
 
 
 def tests():
-    return dict(TEST.findall(markdown.read(SOURCE)))
+    return dict(test for source in SOURCES for test in TEST.findall(markdown.read(source)))
 
 
 def quoted(body):
