@@ -1255,7 +1255,8 @@ def imports_of(path):
         text, kind, _, about, _ = struct.unpack("<IBBHI", entry)
         if kind & 0x0F == 0x01:  # undefined, external
             symbol = name(strings + text)
-            imports.append((libraries[(about >> 8) - 1], symbol[1:], bool(about & 0x40)))
+            if symbol.startswith("_"):  # the others are the dynamic linker's own
+                imports.append((libraries[(about >> 8) - 1], symbol[1:], bool(about & 0x40)))
     return imports
 
 
@@ -2530,6 +2531,10 @@ def main():
                      % options.framework)
     options.plugin = os.path.abspath(options.plugin)
     system = Mac(None) if on_mac else Linux(options.testbed)
+    known = [name + "/" + host_name for name, hosts, checks in groups for host_name in hosts]
+    if options.only and options.only not in known:
+        parser.error("there is no group %s. There are:\n  %s"
+                     % (options.only, "\n  ".join(known)))
     if options.only:
         run_group(options)
 
