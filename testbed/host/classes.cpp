@@ -27,9 +27,11 @@ constexpr BuiltIn builtIns[] = {
     {"OutOfMemoryException", "RuntimeException", Kind::exception, false},
 };
 
-// Classes are never freed: dead handles still name theirs.
+// Classes are never freed, since dead handles still name theirs. A later host's class takes the
+// place of an earlier one's of that name.
 struct Classes {
   std::map<std::string, Class*, std::less<>> byName;
+  std::unordered_map<std::string, Class*> former;
   std::unordered_set<const void*> all;
   Class* roots[int(Kind::exception) + 1] = {};
 };
@@ -42,6 +44,10 @@ Classes& classes() {
 
 void resetClasses() {
   Guard guard(hostMutex());
+  // Where an object is left, its class and all above have to stay what they were.
+  bool empty = true;
+  for (auto& [name, type] : classes().byName) empty &= type->alive == 0;
+  if (empty) classes().former.insert(classes().byName.begin(), classes().byName.end());
   classes().byName.clear();
   std::fill(std::begin(classes().roots), std::end(classes().roots), nullptr);
   for (const BuiltIn& row : builtIns) {
@@ -84,7 +90,15 @@ Class& needClass(std::string_view name) {
 Class& addClass(std::string_view name, Class* super, uint32_t dataSize) {
   Guard guard(hostMutex());
   if (findClass(name)) throw Error("there is a class \"" + std::string(name) + "\" already");
-  auto* type = new Class;
+  Class* type = nullptr;
+  if (auto former = classes().former.extract(std::string(name))) {
+    type = former.mapped();
+    forgetHandlers(*type);
+    std::destroy_at(type);
+    std::construct_at(type);
+  } else {
+    type = new Class;
+  }
   type->name = name;
   type->super = super;
   type->kind = super ? super->kind : Kind::plain;

@@ -15,11 +15,13 @@ namespace {
 struct Thunk {
   Class* type;
   const EventType* event;
+  uint8_t* code;
 };
 
 struct Records {
   std::vector<EventRecord> raised;
-  std::deque<Thunk> thunks; // the generated code refers to them for ever
+  std::deque<Thunk> thunks;  // the generated code refers to them for ever
+  std::vector<Thunk*> spare; // of classes that are gone
   uint8_t* page = nullptr;
   size_t used = 0;
 };
@@ -157,26 +159,40 @@ ENTRY(hostRaiseFloatingEntry, "hostRaiseFloating")
 
 namespace {
 
-// mov eax, thunk; mov ecx, entry; jmp ecx
-void* generate(const Thunk* thunk, void (*entry)()) {
-  constexpr size_t size = 16, pageSize = 4096;
+constexpr size_t codeSize = 16;
+
+Thunk& newThunk() {
+  constexpr size_t pageSize = 4096;
   Records& all = records();
-  if (!all.page || all.used + size > pageSize) {
+  if (!all.spare.empty()) {
+    Thunk* thunk = all.spare.back();
+    all.spare.pop_back();
+    return *thunk;
+  }
+  if (!all.page || all.used + codeSize > pageSize) {
     void* page = mmap(nullptr, pageSize, PROT_READ | PROT_WRITE | PROT_EXEC,
                       MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (page == MAP_FAILED) die("no memory that may hold code for event handlers");
     all.page = static_cast<uint8_t*>(page);
     all.used = 0;
   }
-  uint8_t* code = all.page + all.used;
-  all.used += size;
-  code[0] = 0xB8;
-  memcpy(code + 1, &thunk, 4);
-  code[5] = 0xB9;
-  memcpy(code + 6, &entry, 4);
-  code[10] = 0xFF;
-  code[11] = 0xE1;
-  return code;
+  all.used += codeSize;
+  return all.thunks.emplace_back(Thunk{nullptr, nullptr, all.page + all.used - codeSize});
+}
+
+// mov eax, thunk; mov ecx, entry; jmp ecx
+void* generate(Class& type, const EventType& event) {
+  Thunk& thunk = newThunk();
+  thunk = {&type, &event, thunk.code};
+  auto* address = &thunk;
+  auto* entry = answersFloating(event) ? hostRaiseFloatingEntry : hostRaiseEntry;
+  thunk.code[0] = 0xB8;
+  memcpy(thunk.code + 1, &address, 4);
+  thunk.code[5] = 0xB9;
+  memcpy(thunk.code + 6, &entry, 4);
+  thunk.code[10] = 0xFF;
+  thunk.code[11] = 0xE1;
+  return thunk.code;
 }
 
 const EventType& needEvent(const Class& type, std::string_view declaration) {
@@ -240,9 +256,12 @@ void handle(std::string_view className, std::string_view declaration, Handler ha
       slot.handler = shared;
       return;
     }
-  void* code = generate(&records().thunks.emplace_back(Thunk{&type, &event}),
-                        answersFloating(event) ? hostRaiseFloatingEntry : hostRaiseEntry);
-  type.handlers.push_back({&event, shared, code});
+  type.handlers.push_back({&event, shared, generate(type, event)});
+}
+
+void forgetHandlers(Class& type) {
+  for (Thunk& thunk : records().thunks)
+    if (thunk.type == &type) records().spare.push_back(&thunk), thunk.type = nullptr;
 }
 
 void subclass(std::string_view name, std::string_view superName, Handlers handlers) {

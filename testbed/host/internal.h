@@ -280,6 +280,7 @@ void resetObjectMethods();
 
 void resetExceptions();
 void resetEvents();
+void forgetHandlers(Class& type); // of a class that goes
 
 bool tracing();
 void emit(Step step);

@@ -113,7 +113,7 @@ const std::vector<Row>& table() {
 
 const Row* findRow(std::string_view name) {
   static const auto* rows = [] {
-    auto* map = new std::map<std::string_view, const Row*>;
+    auto* map = new std::unordered_map<std::string_view, const Row*>;
     for (const Row& row : table()) map->emplace(row.operation.name, &row);
     return map;
   }();
@@ -137,7 +137,7 @@ struct Numbering {
 };
 
 struct Records {
-  std::map<std::string, uint64_t, std::less<>> lookups;
+  std::map<std::string, uint64_t, std::less<>> lookups; // of names that are no operation's
   std::vector<LogEntry> log;
   Numbering numbering;
   uint64_t logNumber = 0; // of the present log, so that a late result does not land in the next
@@ -227,21 +227,18 @@ Operation* findOperation(std::string_view name) {
 
 bool absent(std::string_view name) { return need(name).absent; }
 
-void* lookUp(std::string_view name) {
+// Null when it is absent, or of another sort than the one that is asked for.
+static void* lookUp(std::string_view name, std::optional<Sort> sort) {
   Guard guard(hostMutex());
-  auto place = records().lookups.find(name);
-  if (place == records().lookups.end()) place = records().lookups.emplace(name, 0).first;
-  ++place->second;
   const Row* row = findRow(name);
-  return row && !row->operation.absent ? row->operation.address : nullptr;
+  if (!row) return ++records().lookups[std::string(name)], nullptr;
+  ++row->operation.lookups;
+  bool found = !row->operation.absent && (!sort || row->sort == *sort);
+  return found ? row->operation.address : nullptr;
 }
+void* lookUp(std::string_view name) { return lookUp(name, {}); }
 
-void* resolve(const char* name) {
-  if (!name) return nullptr;
-  const Row* row = findRow(name);
-  void* address = lookUp(name);
-  return row && row->sort == operation ? address : nullptr;
-}
+void* resolve(const char* name) { return name ? lookUp(name, operation) : nullptr; }
 
 void resetOperations(const Profile& profile) {
   Guard guard(hostMutex());
@@ -307,6 +304,7 @@ void clearFaults() {
 uint64_t calls(std::string_view name) { return need(name).calls; }
 uint64_t lookups(std::string_view name) {
   Guard guard(hostMutex());
+  if (const Row* row = findRow(name)) return row->operation.lookups;
   auto place = records().lookups.find(name);
   return place == records().lookups.end() ? 0 : place->second;
 }
@@ -314,7 +312,7 @@ uint64_t operationsPerformed() { return performed; }
 uint64_t fallibleOperationsPerformed() { return falliblePerformed; }
 void resetCounts() {
   Guard guard(hostMutex());
-  for (const Row& row : table()) row.operation.calls = 0;
+  for (const Row& row : table()) row.operation.calls = row.operation.lookups = 0;
   records().lookups.clear();
   performed = falliblePerformed = 0;
 }
@@ -359,10 +357,7 @@ void traceOperations(bool on) { tracingOperations = on; }
 namespace operations {
 
 void* loadGlobalMethod(const char* declaration, Opaque* module) {
-  if (!declaration || module) return nullptr;
-  const Row* row = findRow(declaration);
-  void* address = lookUp(declaration);
-  return row && row->sort == globalMethod ? address : nullptr;
+  return declaration && !module ? lookUp(declaration, globalMethod) : nullptr;
 }
 
 void* loadObjectMethod(ObjectHandle* object, const char* declaration) {

@@ -36,6 +36,7 @@ struct Operation {
   // Under hostMutex().
   uint64_t untilFault = 0; // 1: the next call fails
   uint64_t faults = 0;     // so many in a row
+  uint64_t lookups = 0;
 };
 
 Operation* findOperation(std::string_view name);

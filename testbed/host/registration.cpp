@@ -191,7 +191,6 @@ public:
         std::make_unique<Registered>(Registered{name_, superName, version_, record_, words_});
     for (const TableFields& each : tables) enterTable(type, each);
     record_[field::forSystemUse] = profile().dataOffset + type.dataStart;
-    Guard guard(hostMutex());
     order().names.push_back(name_);
   }
 
@@ -203,87 +202,93 @@ private:
     return uint32_t(reinterpret_cast<uintptr_t>(pointer));
   }
   const char* text(uint32_t word) const { return memory().text(word); }
-  void require(bool holds, const std::string& what) {
-    if (!holds) fail(what);
+  // The parts of a message are put together only when it is needed: a record has hundreds of them.
+  template <typename... Part> void require(bool holds, const Part&... parts) {
+    if (!holds) fail((std::string() + ... + printed(parts)));
   }
-  std::string found(uint32_t word) {
+  struct Found {
+    uint32_t word;
+  };
+  static Found found(uint32_t word) { return {word}; }
+  struct Entry {
+    const char* table;
+    uint32_t index;
+  };
+  static std::string printed(const char* text) { return text; }
+  static std::string printed(const std::string& text) { return text; }
+  static std::string printed(uint32_t number) { return std::to_string(number); }
+  static std::string printed(Found found) {
     char number[32];
-    snprintf(number, sizeof number, "0x%08X", word);
-    return std::string(", found ") + number;
+    snprintf(number, sizeof number, ", found 0x%08X", found.word);
+    return number;
+  }
+  static std::string printed(Entry entry) {
+    return std::string(entry.table) + " " + std::to_string(entry.index);
   }
 
   void examine() {
-    require(words_[field::version] == version_, "word 0 must be the announced interface version " +
-                                                    std::to_string(version_) +
-                                                    found(words_[field::version]));
+    require(words_[field::version] == version_, "word 0 must be the announced interface version ",
+            version_, found(words_[field::version]));
     const char* name = text(words_[field::name]);
-    require(name, "word 1 must point to the class name" + found(words_[field::name]));
+    require(name, "word 1 must point to the class name", found(words_[field::name]));
     name_ = name;
     require(!words_[field::superName] || text(words_[field::superName]),
-            "word 2 must be null or point to the superclass name" +
-                found(words_[field::superName]));
+            "word 2 must be null or point to the superclass name", found(words_[field::superName]));
     require(words_[field::dataSize] % 4 == 0 && words_[field::dataSize] <= 4096,
-            "word 3 must be a size in bytes, a multiple of 4 up to 4096" +
-                found(words_[field::dataSize]));
-    require(words_[field::forSystemUse] == 0,
-            "word 4 is the host's and must be 0" + found(words_[field::forSystemUse]));
+            "word 3 must be a size in bytes, a multiple of 4 up to 4096",
+            found(words_[field::dataSize]));
+    require(words_[field::forSystemUse] == 0, "word 4 is the host's and must be 0",
+            found(words_[field::forSystemUse]));
     for (int i : {field::constructor, field::destructor})
-      require(!words_[i] || memory().runnable(words_[i]),
-              "word " + std::to_string(i) + " must be null or a function" + found(words_[i]));
+      require(!words_[i] || memory().runnable(words_[i]), "word ", i, " must be null or a function",
+              found(words_[i]));
     for (int i : {field::eventInstances, field::eventInstanceCount, field::interfaces,
                   field::bindDescriptions, field::bindDescriptionCount})
-      require(words_[i] == 0, "word " + std::to_string(i) + " must be 0" + found(words_[i]));
+      require(words_[i] == 0, "word ", i, " must be 0", found(words_[i]));
     for (uint32_t i = field::newerWords; i < layout_.record; ++i)
-      require(words_[i] == 0, "word " + std::to_string(i) + " must be 0" + found(words_[i]));
+      require(words_[i] == 0, "word ", i, " must be 0", found(words_[i]));
     for (const TableFields& each : tables) examineTable(each);
   }
 
   void examineTable(const TableFields& fields) {
     uint32_t array = words_[fields.array], count = words_[fields.count];
     uint32_t stride = layout_.*fields.stride;
-    std::string where = "word " + std::to_string(fields.array);
-    require(count <= 1000,
-            "word " + std::to_string(fields.count) + " must be a count of entries" + found(count));
-    require((array == 0) == (count == 0), where + " must be null exactly when its count is 0" +
-                                              found(array) + " with count " +
-                                              std::to_string(count));
-    require(array % 4 == 0, where + " must be aligned to 4 bytes" + found(array));
-    require(count == 0 || memory().readable(array, count * stride * 4),
-            where + " must point to " + std::to_string(count) + " entries of " +
-                std::to_string(stride) + " words" + found(array));
+    uint32_t place = uint32_t(fields.array);
+    require(count <= 1000, "word ", fields.count, " must be a count of entries", found(count));
+    require((array == 0) == (count == 0), "word ", place,
+            " must be null exactly when its count is 0", found(array), " with count ", count);
+    require(array % 4 == 0, "word ", place, " must be aligned to 4 bytes", found(array));
+    require(count == 0 || memory().readable(array, count * stride * 4), "word ", place,
+            " must point to ", count, " entries of ", stride, " words", found(array));
     for (uint32_t i = 0; i < count; ++i)
       examineEntry(fields, i, reinterpret_cast<uint32_t*>(uintptr_t(array)) + i * stride);
   }
 
   void examineEntry(const TableFields& fields, uint32_t index, const uint32_t* entry) {
     uint32_t stride = layout_.*fields.stride;
-    std::string where = std::string(fields.name) + " " + std::to_string(index) + " word ";
+    Entry where{fields.name, index};
     auto zero = [&](uint32_t i) {
-      require(entry[i] == 0, where + std::to_string(i) + " must be 0" + found(entry[i]));
+      require(entry[i] == 0, where, " word ", i, " must be 0", found(entry[i]));
     };
     auto function = [&](uint32_t i, bool optional) {
-      require((optional && entry[i] == 0) || memory().runnable(entry[i]),
-              where + std::to_string(i) + " must be a function" + found(entry[i]));
+      require((optional && entry[i] == 0) || memory().runnable(entry[i]), where, " word ", i,
+              " must be a function", found(entry[i]));
     };
     auto declaration = [&](uint32_t i) {
-      const char* declared = text(entry[i]);
-      require(declared,
-              where + std::to_string(i) + " must point to a declaration" + found(entry[i]));
-      require(parseDeclaration(declared).has_value(),
-              where + std::to_string(i) + " is no declaration: " + quoted(declared));
+      require(text(entry[i]), where, " word ", i, " must point to a declaration", found(entry[i]));
     };
     switch (fields.table) {
     case Registered::properties:
     case Registered::sharedProperties:
-      require(!entry[property::group] || text(entry[property::group]),
-              where + "0 must be null or a text" + found(entry[property::group]));
+      require(!entry[property::group] || text(entry[property::group]), where,
+              " word 0 must be null or a text", found(entry[property::group]));
       for (uint32_t i : {property::name, property::type})
-        require(text(entry[i]), where + std::to_string(i) + " must be a text" + found(entry[i]));
+        require(text(entry[i]), where, " word ", i, " must be a text", found(entry[i]));
       for (uint32_t i : {property::getter, property::setter})
         if (entry[i] != direct) function(i, i == property::setter);
       if (entry[property::getter] == direct || entry[property::setter] == direct)
-        require(uint64_t(entry[property::param]) + 4 <= words_[field::dataSize],
-                where + "6 must be a place in the data" + found(entry[property::param]));
+        require(uint64_t(entry[property::param]) + 4 <= words_[field::dataSize], where,
+                " word 6 must be a place in the data", found(entry[property::param]));
       for (uint32_t i = property::editor; i < stride; ++i) zero(i);
       break;
     case Registered::methods:
@@ -299,8 +304,8 @@ private:
       break;
     case Registered::constants: {
       const char* declared = text(entry[constant::declaration]);
-      require(declared && strchr(declared, '='),
-              where + "0 must point to \"name = value\"" + found(entry[constant::declaration]));
+      require(declared && strchr(declared, '='), where, " word 0 must point to \"name = value\"",
+              found(entry[constant::declaration]));
       for (uint32_t i = constant::reserved1; i < stride; ++i) zero(i);
       break;
     }
@@ -311,31 +316,38 @@ private:
     Registered::Entries entries = type.registered->table(fields.table);
     for (uint32_t i = 0; i < entries.count; ++i) {
       auto* entry = const_cast<uint32_t*>(entries[i]);
+      auto declaration = [&](uint32_t word, const std::string& declared) {
+        std::optional<Declaration> parsed = parseDeclaration(declared);
+        if (!parsed)
+          require(false, Entry{fields.name, i}, " word ", word,
+                  " is no declaration: ", quoted(declared));
+        return *parsed;
+      };
+      auto addMember = [&](Member::Sort sort, uint32_t word, const std::string& declared) {
+        type.members.push_back(
+            std::make_unique<Member>(Member{sort, declaration(word, declared), entry, &type}));
+      };
       switch (fields.table) {
       case Registered::events: {
-        auto added = std::make_unique<EventType>(
-            EventType{*parseDeclaration(text(entry[event::declaration])), entry, &type});
+        auto added = std::make_unique<EventType>(EventType{
+            declaration(event::declaration, text(entry[event::declaration])), entry, &type});
         entry[event::forSystemUse] = added->word();
         type.events.push_back(std::move(added));
         break;
       }
       case Registered::methods:
+        addMember(Member::method, method::declaration, text(entry[method::declaration]));
+        break;
       case Registered::sharedMethods:
-        type.members.push_back(std::make_unique<Member>(
-            Member{fields.table == Registered::methods ? Member::method : Member::sharedMethod,
-                   *parseDeclaration(text(entry[method::declaration])), entry, &type}));
+        addMember(Member::sharedMethod, method::declaration, text(entry[method::declaration]));
         break;
       case Registered::properties:
-      case Registered::sharedProperties: {
-        std::string declared =
-            std::string(text(entry[property::name])) + " as " + text(entry[property::type]);
-        auto declaration = parseDeclaration(declared);
-        require(declaration.has_value(), "no declaration: " + quoted(declared));
-        type.members.push_back(std::make_unique<Member>(Member{
-            fields.table == Registered::properties ? Member::property : Member::sharedProperty,
-            *declaration, entry, &type}));
+      case Registered::sharedProperties:
+        addMember(fields.table == Registered::properties ? Member::property
+                                                         : Member::sharedProperty,
+                  property::name,
+                  std::string(text(entry[property::name])) + " as " + text(entry[property::type]));
         break;
-      }
       case Registered::constants:
         break;
       }
@@ -407,9 +419,10 @@ void registerPluginVersion(int32_t version) {
 }
 
 void registerClass(uint32_t* record) {
-  Guard guard(hostMutex());
-  Examination examination(record, announced);
-  examination.enter();
+  {
+    Guard guard(hostMutex());
+    Examination(record, announced).enter();
+  }
   if (tracing()) {
     auto* name = reinterpret_cast<const char*>(uintptr_t(record[field::name]));
     emit({Step::classRegistered, name, {}, {}, nullptr, currentThread()});

@@ -4,8 +4,7 @@
 // classes that it does not take; what there is of the companion and of the framework; calls.
 //
 // Each execution starts another host, puts the plug-in's globals back to what they were when the
-// library was mapped, and calls its entry once, as a host does. A host keeps its classes for ever,
-// so that a process may not last (tools/fuzz begins a new one after 5,000 inputs).
+// library was mapped, and calls its entry once, as a host does.
 #include "fakes.h"
 
 #include <algorithm>

@@ -11,6 +11,7 @@
 #include <dlfcn.h>
 #include <link.h>
 #include <map>
+#include <regex>
 #include <vector>
 
 // GNUstep's header hides them from programs with NDEBUG.
@@ -94,8 +95,51 @@ int findParts(dl_phdr_info* info, size_t, void*) {
 
 int lines;
 bool cocoaLosses;
+
+// ---- What came of an input, for those that come again
+
+bool comparing() {
+  static bool asked = getenv("FUZZ_COMPARE") != nullptr;
+  return asked;
+}
+std::map<std::string, std::string> outcomes; // by input
+std::string outcome;
+
+// Addresses are no outcome.
+void note(const std::string& line) {
+  static const std::regex address("0x[0-9a-f]+|-?[0-9]{8,}");
+  outcome += std::regex_replace(line, address, "ADDRESS");
+}
+
+void takeOperations() {
+  for (const host::LogEntry& entry : host::stopLog()) note(entry.text() + "\n");
+}
+
+void watch() {
+  host::setWatching(comparing());
+  if (comparing()) host::startLog();
+}
+
+void compareOutcome(const uint8_t* data, size_t size) {
+  takeOperations();
+  std::string input(reinterpret_cast<const char*>(data), size);
+  auto [place, first] = outcomes.emplace(input, outcome);
+  if (first || place->second == outcome) return;
+  size_t at = 0;
+  while (at < outcome.size() && outcome[at] == place->second[at]) ++at;
+  size_t start = at ? outcome.rfind('\n', at - 1) + 1 : 0;
+  auto line = [&](const std::string& text) {
+    return text.substr(start, text.find('\n', at) - start);
+  };
+  fail("an input that came again did this:\n" + line(outcome) + "\ninstead of\n" +
+       line(place->second));
+}
+
 void countLine(NSString* line) {
   ++lines;
+  // Without the time and the process.
+  std::string text = [line UTF8String];
+  if (comparing()) note("logged" + text.substr(text.find("] ") + 1));
   static bool shown = getenv("FUZZ_LOG") != nullptr;
   if (shown) fprintf(stderr, "%s", [line UTF8String]);
 }
@@ -146,11 +190,14 @@ void runOnce(const uint8_t* data, size_t size, void (*body)(Input&)) {
   recall();
   lines = 0;
   cocoaLosses = false;
+  outcome.clear();
+  watch();
   {
     host::Pool pool;
     Input input(data, size);
     body(input);
   }
+  if (comparing()) compareOutcome(data, size);
   require([AnyString alive] == 0, "a string was lost");
   if (auto raised = host::takeException())
     fail("an exception is pending in the host: " + raised->className + ": " +
@@ -207,8 +254,9 @@ void* open(const char* name) {
 }
 
 void startHost(const char* name) {
+  if (comparing()) takeOperations();
   host::start(name);
-  host::setWatching(false);
+  watch();
   host::setStacks(getenv("FUZZ_STACKS") != nullptr);
 }
 
@@ -264,8 +312,14 @@ host::Object instanceOf(std::string_view className, id object) {
 
 namespace {
 
-std::map<std::string, Class> framework;
-id classNamed(id, SEL, NSString* name) { return framework[[name UTF8String]]; }
+// Replacing a method is dear, so it is done once: where nothing is played, the bundle answers.
+const std::map<std::string, Class>* played;
+Class (*classNamedByBundle)(id, SEL, NSString*);
+Class classNamed(id self, SEL selector, NSString* name) {
+  if (!played) return classNamedByBundle(self, selector, name);
+  auto place = played->find([name UTF8String]);
+  return place == played->end() ? nil : place->second;
+}
 
 } // namespace
 
@@ -276,11 +330,15 @@ bool loadFrameworkFolder(const std::string& name) {
 }
 
 bool loadFramework(Class updater, Class appcast, Class item) {
-  framework = {{"SUUpdater", updater}, {"SUAppcast", appcast}, {"SUAppcastItem", item}};
-  Method method = class_getInstanceMethod([NSBundle class], @selector(classNamed:));
-  IMP original = method_setImplementation(method, reinterpret_cast<IMP>(classNamed));
+  if (!classNamedByBundle)
+    classNamedByBundle = reinterpret_cast<decltype(classNamedByBundle)>(
+        method_setImplementation(class_getInstanceMethod([NSBundle class], @selector(classNamed:)),
+                                 reinterpret_cast<IMP>(classNamed)));
+  std::map<std::string, Class> framework{
+      {"SUUpdater", updater}, {"SUAppcast", appcast}, {"SUAppcastItem", item}};
+  played = &framework;
   bool loaded = loadFrameworkFolder("WithoutClasses");
-  method_setImplementation(method, original);
+  played = nullptr;
   return loaded;
 }
 

@@ -110,6 +110,21 @@ struct Tree {
 };
 Tree* tree;
 
+// How many arrays stand around a value. Few mostly: a level costs as much as a value, and the
+// fuzzer, which cannot know, would spend its time on hundreds of them.
+unsigned takeLevels(fuzz::Input& input) {
+  if (tree->levels >= mostLevels) return 0;
+  unsigned byte = input.byte();
+  unsigned levels = byte < 0xF0 ? byte % 16 : (byte - 0xEF) * 128;
+  tree->levels += levels;
+  // The levels that stand above are few, but for those of other deep ones.
+  if (levels > carriedDepth)
+    tree->tooDeep = true;
+  else if (tree->levels + 100 > carriedDepth)
+    tree->mayBeTooDeep = true;
+  return levels;
+}
+
 bool full(unsigned depth) { return ++tree->values > mostValues || depth > deepest; }
 
 // ---- Lines
@@ -409,13 +424,7 @@ Made entries(fuzz::Input& input, unsigned depth) {
 
 Made deep(fuzz::Input& input, unsigned depth) {
   Made core = make(input, depth + 1);
-  unsigned levels = tree->levels < mostLevels ? input.byte() * 8u : 0;
-  tree->levels += levels;
-  // The levels that stand above are few, but for those of other deep ones.
-  if (levels > carriedDepth)
-    tree->tooDeep = true;
-  else if (tree->levels + 100 > carriedDepth)
-    tree->mayBeTooDeep = true;
+  unsigned levels = takeLevels(input);
   std::string open(levels, '['), close;
   for (unsigned i = 0; i < levels; ++i) {
     core.object = [NSArray arrayWithObject:core.object];
@@ -501,7 +510,8 @@ Made madeOf(fuzz::Input& input, unsigned depth) {
   case 14:
     return deep(input, depth);
   default:
-    return input.byte() & 1 ? cycle(input) : brittle(input, depth);
+    // A cycle is as dear as the deepest value, and two are no more than one.
+    return input.byte() % 8 == 1 ? cycle(input) : brittle(input, depth);
   }
 }
 
@@ -748,12 +758,7 @@ HostMade makeInHost(fuzz::Input& input, unsigned depth) {
   }
   case 12: {
     HostMade core = makeInHost(input, depth + 1);
-    unsigned levels = tree->levels < mostLevels ? input.byte() * 8u : 0;
-    tree->levels += levels;
-    if (levels > carriedDepth)
-      tree->tooDeep = true;
-    else if (tree->levels + 100 > carriedDepth)
-      tree->mayBeTooDeep = true;
+    unsigned levels = takeLevels(input);
     std::string open(levels, '['), close;
     for (unsigned i = 0; i < levels; ++i) {
       core.value = host::array(9, {core.value});

@@ -465,6 +465,25 @@ TEST(Handles, MemoryOfTheDeadIsUsedAgainInTheEnd) {
   host::setStacks(true);
 }
 
+TEST(Classes, OfALaterHostStandWhereThoseOfAnEarlierOneStoodUnlessAnObjectIsLeft) {
+  auto reference = [] { return ask<void*>("pluginObjectType", "Thing"); };
+  auto startWithThing = [&] {
+    host::start("2013.03");
+    host::defineClass("Thing", "");
+    return reference();
+  };
+  void* first = startWithThing();
+  host::Object dead = host::create("Thing");
+  std::string label = host::print(dead);
+  dead.reset();
+  EXPECT_EQ(startWithThing(), first);
+  // Numbered from the start, as in any host.
+  host::Object left = host::create("Thing");
+  EXPECT_EQ(host::print(left), label);
+  EXPECT_NE(startWithThing(), first);
+  EXPECT_EQ(host::print(left), label);
+}
+
 TEST(Handles, NilIsHarmless) {
   host::start("2013.03");
   ask<void>("REALLockObject", Handle());
