@@ -1,5 +1,6 @@
 """The check for Macs finds nothing wrong with the plug-in named: run_test.py PLUGIN"""
 
+import os
 import re
 import sys
 
@@ -16,3 +17,11 @@ if failed or done.returncode or groups != expected or ok < 900:
     sys.exit(f"{ok} ok, {failed} FAIL, status {done.returncode}, groups {sorted(groups)}")
 if done.stderr:
     sys.exit("it wrote to the standard error")
+
+# The next version of the framework, and one whose callbacks all come from threads of its own.
+for version in ("1.6", "workers"):
+    os.environ["SPARKLE_VERSION"] = version
+    done = run.check(sys.argv[1], "--framework", run.FRAMEWORK, "--only", "framework/host 2013.03")
+    print(version, done.stdout)
+    if "FAIL" in done.stdout or not done.stdout.endswith("end  framework\n"):
+        sys.exit(f"the framework's version {version} fails")
