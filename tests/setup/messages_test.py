@@ -72,7 +72,7 @@ class Tools(unittest.TestCase):
         self.refused("tests/fuzz/replay", "true", "/no/where", saying="no input file in /no/where")
         status, said, _ = run("tests/fuzz/replay", "false", "Makefile")
         self.assertEqual(status, 1)
-        self.assertRegex(said, "failed on the host 2013.03.*\n.*SPARKLEKVZ_HOST=2013.03 false INPUT")
+        self.assertRegex(said, "failed on the host 2013.03.*\n.*SPARKLEKVZ_HOST=2013.03 .*false INPUT")
 
     def test_format_without_git(self):
         with tempfile.TemporaryDirectory() as folder:
