@@ -17,7 +17,7 @@ static NSTimeInterval longestSilence(void) {
   fetch->target = [target retain];
   fetch->done = done;
   fetch->data = [[NSMutableData alloc] init];
-  [fetch request:url];
+  [fetch performSelector:@selector(request:) withObject:url afterDelay:0];
   return fetch;
 }
 
@@ -36,8 +36,10 @@ static NSTimeInterval longestSilence(void) {
   return problem;
 }
 
+// A connection to a file tells all it has to tell before it is there.
 - (void)request:(NSURL*)url {
   [self alive];
+  NSURLConnection* made = nil;
   @try {
     NSMutableURLRequest* request =
         [NSMutableURLRequest requestWithURL:url
@@ -45,14 +47,19 @@ static NSTimeInterval longestSilence(void) {
                             timeoutInterval:longestSilence()];
     [request setHTTPShouldHandleCookies:NO];
     if ([userAgent length]) [request setValue:userAgent forHTTPHeaderField:@"User-Agent"];
-    if ([[url scheme] length])
-      connection = [[NSURLConnection alloc] initWithRequest:request delegate:self];
+    if ([[url scheme] length]) made = [[NSURLConnection alloc] initWithRequest:request delegate:self];
+    if (!made) [self failWith:[NSString stringWithFormat:@"no request can be made for %@", url]];
   } @catch (NSException* exception) {
-    problem = [[exception reason] copy];
+    [self failWith:[exception reason]];
   }
-  if (connection) return;
-  if (!problem) problem = [[NSString alloc] initWithFormat:@"no request can be made for %@", url];
-  [self performSelector:@selector(end) withObject:nil afterDelay:0];
+  if (target)
+    connection = made;
+  else
+    [made release];
+}
+
+- (BOOL)isCurrent:(NSURLConnection*)aConnection {
+  return target && (!connection || aConnection == connection);
 }
 
 // The timer holds this object, too.
@@ -123,17 +130,17 @@ static NSTimeInterval longestSilence(void) {
 }
 
 - (void)connection:(NSURLConnection*)aConnection didReceiveData:(NSData*)bytes {
-  if (aConnection != connection) return;
+  if (![self isCurrent:aConnection]) return;
   [self alive];
   [data appendData:bytes];
 }
 
 - (void)connection:(NSURLConnection*)aConnection didFailWithError:(NSError*)error {
-  if (aConnection == connection) [self failWith:[error localizedDescription]];
+  if ([self isCurrent:aConnection]) [self failWith:[error localizedDescription]];
 }
 
 - (void)connectionDidFinishLoading:(NSURLConnection*)aConnection {
-  if (aConnection == connection) [self end];
+  if ([self isCurrent:aConnection]) [self end];
 }
 
 @end

@@ -66,6 +66,7 @@ endfunction()
 foreach(name strings values appcast registration)
   add_fuzzer(${name})
 endforeach()
+target_link_libraries(fuzz_appcast PRIVATE testbed_steps)
 target_compile_definitions(fuzz_appcast PRIVATE PROGRAM_BUNDLE="${program}")
 
 add_fuzzer_test(strings --every-host)

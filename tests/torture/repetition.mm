@@ -42,7 +42,9 @@ Run* current;
 std::mutex logMutex;
 std::vector<std::string> logLines;
 
+// What the framework says of itself is not the plug-in's.
 void collectLog(NSString* line) {
+  if ([line rangeOfString:@"] Sparkle"].location != NSNotFound) return;
   std::lock_guard lock(logMutex);
   logLines.emplace_back([line UTF8String] ?: "");
 }
