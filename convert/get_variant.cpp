@@ -9,6 +9,8 @@
 #include "convert/variants.h"
 #include "plugin/registration.h"
 
+#include <string.h>
+
 namespace {
 
 // What a property of the variant's says, for hosts without the operation that reads it; zero when
@@ -175,12 +177,6 @@ id fromFolderItem(REALobjectStruct* object) {
   return send<id>(asObject(url), "autorelease"_sel);
 }
 
-struct ObjectRule {
-  const char* hostClass;
-  id (*convert)(REALobjectStruct* object);
-  void* known; // once found
-};
-
 // A Cocoa object or Core Foundation reference, which stays the wrapper's.
 id firstField(REALobjectStruct* object) { return familyRecord<id>(object); }
 
@@ -193,143 +189,165 @@ template <Literal Message> id fromCategory(REALobjectStruct* object) {
   return send<id>("NSValue"_class, operator""_sel<Message>(), object);
 }
 
-// Tested in this order. A class catches the subclasses of it that stand further down; that
-// NSObjectKVZ stands fourth is meant.
-ObjectRule objectRules[] = {
-    {"NSPathComponentCellKVZ", firstField, nullptr},
-    {"NSPathCellKVZ", firstField, nullptr},
-    {"NSPathControlKVZ", firstField, nullptr},
-    {"NSObjectKVZ", firstField, nullptr},
-    {"NSPipeKVZ", firstField, nullptr},
-    {"NSTaskKVZ", firstField, nullptr},
-    {"NSFileHandleKVZ", firstField, nullptr},
-    {"NSClipViewKVZ", firstField, nullptr},
-    {"NSAnimationKVZ", firstField, nullptr},
-    {"NSCoderKVZ", firstField, nullptr},
-    {"NSTimeZoneKVZ", firstField, nullptr},
-    {"NSDateComponentsKVZ", firstField, nullptr},
-    {"NSAnimationContextKVZ", firstField, nullptr},
-    {"NSTimerKVZ", firstField, nullptr},
-    {"NSBoxKVZ", firstField, nullptr},
-    {"NSComboBoxKVZ", firstField, nullptr},
-    {"NSImageViewKVZ", firstField, nullptr},
-    {"NSPopUpButtonKVZ", firstField, nullptr},
-    {"NSTextFieldKVZ", firstField, nullptr},
-    {"NSSearchFieldCellKVZ", firstField, nullptr},
-    {"NSSecureTextFieldKVZ", firstField, nullptr},
-    {"NSSecureTextFieldCellKVZ", firstField, nullptr},
-    {"NSApplicationKVZ", firstField, nullptr},
-    {"NSSearchFieldKVZ", firstField, nullptr},
-    {"NSTabViewKVZ", firstField, nullptr},
-    {"NSTabViewItemKVZ", firstField, nullptr},
-    {"NSStepperKVZ", firstField, nullptr},
-    {"NSURLRequestKVZ", firstField, nullptr},
-    {"NSURLDownloadKVZ", firstField, nullptr},
-    {"NSURLConnectionKVZ", firstField, nullptr},
-    {"NSFontPanelKVZ", firstField, nullptr},
-    {"NSFontManagerKVZ", firstField, nullptr},
-    {"NSImageKVZ", firstField, nullptr},
-    {"NSImageRepKVZ", firstField, nullptr},
-    {"NSAffineTransformKVZ", firstField, nullptr},
-    {"NSFontKVZ", firstField, nullptr},
-    {"NSToolbarItemKVZ", firstField, nullptr},
-    {"NSToolbarKVZ", firstField, nullptr},
-    {"NSScreenKVZ", firstField, nullptr},
-    {"NSCharacterSetKVZ", firstField, nullptr},
-    {"NSTextStorageKVZ", firstField, nullptr},
-    {"NSColorKVZ", firstField, nullptr},
-    {"NSAttributedStringKVZ", firstField, nullptr},
-    {"NSAssertionHandlerKVZ", firstField, nullptr},
-    {"NSMenuKVZ", firstField, nullptr},
-    {"NSFontDescriptorKVZ", firstField, nullptr},
-    {"NSMenuItemKVZ", firstField, nullptr},
-    {"NSErrorKVZ", firstField, nullptr},
-    {"NSViewControllerKVZ", firstField, nullptr},
-    {"NSWindowControllerKVZ", firstField, nullptr},
-    {"NSHTTPCookieKVZ", firstField, nullptr},
-    {"NSHTTPCookieStorageKVZ", firstField, nullptr},
-    {"NSPasteboardKVZ", firstField, nullptr},
-    {"NSBundleKVZ", firstField, nullptr},
-    {"NSEnumeratorKVZ", firstField, nullptr},
-    {"NSDirectoryEnumeratorKVZ", firstField, nullptr},
-    {"NSRunningApplicationKVZ", firstField, nullptr},
-    {"NSURLCacheKVZ", firstField, nullptr},
-    {"NSCellKVZ", firstField, nullptr},
-    {"NSFileManagerKVZ", firstField, nullptr},
-    {"NSSoundKVZ", firstField, nullptr},
-    {"NSBezierPathKVZ", firstField, nullptr},
-    {"NSCursorKVZ", firstField, nullptr},
-    {"NSEventKVZ", firstField, nullptr},
-    {"NSIndexSetKVZ", firstField, nullptr},
-    {"NSCalendarKVZ", firstField, nullptr},
-    {"NSViewKVZ", firstField, nullptr},
-    {"NSWindowKVZ", firstField, nullptr},
-    {"NSColorListKVZ", firstField, nullptr},
-    {"NSColorSpaceKVZ", firstField, nullptr},
-    {"NSTableColumnKVZ", firstField, nullptr},
-    {"NSUndoManagerKVZ", firstField, nullptr},
-    {"NSScrollerKVZ", firstField, nullptr},
-    {"NSResponderKVZ", firstField, nullptr},
-    {"NSTextFieldCellKVZ", firstField, nullptr},
-    {"NSTextKVZ", firstField, nullptr},
-    {"NSTableHeaderViewKVZ", firstField, nullptr},
-    {"NSOperationKVZ", firstField, nullptr},
-    {"NSNotificationKVZ", firstField, nullptr},
-    {"NSNotificationCenterKVZ", firstField, nullptr},
-    {"NSDistributedNotificationCenterKVZ", firstField, nullptr},
-    {"QuartzFilterKVZ", firstField, nullptr},
-    {"NSUserDefaultsKVZ", firstField, nullptr},
-    {"NSDockTileKVZ", firstField, nullptr},
-    {"NSLocaleKVZ", firstField, nullptr},
-    {"NSAppleEventDescriptorKVZ", firstField, nullptr},
-    {"NSAppleScriptKVZ", firstField, nullptr},
-    {"NSTableViewKVZ", firstField, nullptr},
-    {"NSLayoutManagerKVZ", firstField, nullptr},
-    {"NSTextContainerKVZ", firstField, nullptr},
-    {"NSTextViewKVZ", firstField, nullptr},
-    {"NSTextTabKVZ", firstField, nullptr},
-    {"NSParagraphStyleKVZ", firstField, nullptr},
-    {"NSDraggingImageComponentKVZ", firstField, nullptr},
-    {"NSPasteboardItemKVZ", firstField, nullptr},
-    {"NSRunLoopKVZ", firstField, nullptr},
-    {"NSMetadataQueryKVZ", firstField, nullptr},
-    {"NSMetadataItemKVZ", firstField, nullptr},
-    {"NSPredicateKVZ", firstField, nullptr},
-    {"NSCompoundPredicateKVZ", firstField, nullptr},
-    {"NSSortDescriptorKVZ", firstField, nullptr},
-    {"NSMetadataQueryResultGroupKVZ", firstField, nullptr},
-    {"NSComparisonPredicateKVZ", firstField, nullptr},
-    {"NSExpressionKVZ", firstField, nullptr},
-    {"WebUIDelegateKVZ", firstField, nullptr},
-    {"WebResourceLoadDelegateKVZ", firstField, nullptr},
-    {"WebFrameLoadDelegateKVZ", firstField, nullptr},
-    {"WebDownloadDelegateKVZ", firstField, nullptr},
-    {"DRBurnKVZ", firstField, nullptr},
-    {"PDFAnnotationKVZ", firstField, nullptr},
-    {"PDFActionKVZ", firstField, nullptr},
-    {"NSSizeKVZ", structValue<NSSize, "valueWithSize:">, nullptr},
-    {"NSRectKVZ", structValue<NSRect, "valueWithRect:">, nullptr},
-    {"NSRangeKVZ", structValue<NSRange, "valueWithRange:">, nullptr},
-    {"NSPointKVZ", structValue<NSPoint, "valueWithPoint:">, nullptr},
-    {"QTKitTimeKVZ", fromCategory<"valueWithQTTimeKVZ:">, nullptr},
-    {"QTKitTimeRangeKVZ", fromCategory<"valueWithQTTimeRangeKVZ:">, nullptr},
-    {"CMTimeMappingKVZ", fromCategory<"valueWithCMTimeMappingKVZ:">, nullptr},
-    {"CMTimeRangeKVZ", fromCategory<"valueWithCMTimeRangeKVZ:">, nullptr},
-    {"CMTimeKVZ", fromCategory<"valueWithCMTimeKVZ:">, nullptr},
-    {"WebPolicyDelegateKVZ", firstField, nullptr},
-    {"CFObjectKVZ", firstField, nullptr},
-    {"CGColorKVZ", firstField, nullptr},
-    {"CGFontKVZ", firstField, nullptr},
-    {"CGImageKVZ", firstField, nullptr},
-    {"CGColorSpaceKVZ", firstField, nullptr},
-    {"CGPathKVZ", firstField, nullptr},
-    {"CGContextKVZ", firstField, nullptr},
-    {"CGLayerKVZ", firstField, nullptr},
+// Host classes whose instances are converted alike, by name, and how. Tested in this order. A class
+// catches the subclasses of it that stand further down; that NSObjectKVZ stands fourth is meant.
+struct ObjectRule {
+  const char* hostClasses; // each ends in a NUL; an empty one ends the list
+  id (*convert)(REALobjectStruct* object);
 };
 
+constexpr ObjectRule objectRules[] = {
+    {"NSPathComponentCellKVZ\0"
+     "NSPathCellKVZ\0"
+     "NSPathControlKVZ\0"
+     "NSObjectKVZ\0"
+     "NSPipeKVZ\0"
+     "NSTaskKVZ\0"
+     "NSFileHandleKVZ\0"
+     "NSClipViewKVZ\0"
+     "NSAnimationKVZ\0"
+     "NSCoderKVZ\0"
+     "NSTimeZoneKVZ\0"
+     "NSDateComponentsKVZ\0"
+     "NSAnimationContextKVZ\0"
+     "NSTimerKVZ\0"
+     "NSBoxKVZ\0"
+     "NSComboBoxKVZ\0"
+     "NSImageViewKVZ\0"
+     "NSPopUpButtonKVZ\0"
+     "NSTextFieldKVZ\0"
+     "NSSearchFieldCellKVZ\0"
+     "NSSecureTextFieldKVZ\0"
+     "NSSecureTextFieldCellKVZ\0"
+     "NSApplicationKVZ\0"
+     "NSSearchFieldKVZ\0"
+     "NSTabViewKVZ\0"
+     "NSTabViewItemKVZ\0"
+     "NSStepperKVZ\0"
+     "NSURLRequestKVZ\0"
+     "NSURLDownloadKVZ\0"
+     "NSURLConnectionKVZ\0"
+     "NSFontPanelKVZ\0"
+     "NSFontManagerKVZ\0"
+     "NSImageKVZ\0"
+     "NSImageRepKVZ\0"
+     "NSAffineTransformKVZ\0"
+     "NSFontKVZ\0"
+     "NSToolbarItemKVZ\0"
+     "NSToolbarKVZ\0"
+     "NSScreenKVZ\0"
+     "NSCharacterSetKVZ\0"
+     "NSTextStorageKVZ\0"
+     "NSColorKVZ\0"
+     "NSAttributedStringKVZ\0"
+     "NSAssertionHandlerKVZ\0"
+     "NSMenuKVZ\0"
+     "NSFontDescriptorKVZ\0"
+     "NSMenuItemKVZ\0"
+     "NSErrorKVZ\0"
+     "NSViewControllerKVZ\0"
+     "NSWindowControllerKVZ\0"
+     "NSHTTPCookieKVZ\0"
+     "NSHTTPCookieStorageKVZ\0"
+     "NSPasteboardKVZ\0"
+     "NSBundleKVZ\0"
+     "NSEnumeratorKVZ\0"
+     "NSDirectoryEnumeratorKVZ\0"
+     "NSRunningApplicationKVZ\0"
+     "NSURLCacheKVZ\0"
+     "NSCellKVZ\0"
+     "NSFileManagerKVZ\0"
+     "NSSoundKVZ\0"
+     "NSBezierPathKVZ\0"
+     "NSCursorKVZ\0"
+     "NSEventKVZ\0"
+     "NSIndexSetKVZ\0"
+     "NSCalendarKVZ\0"
+     "NSViewKVZ\0"
+     "NSWindowKVZ\0"
+     "NSColorListKVZ\0"
+     "NSColorSpaceKVZ\0"
+     "NSTableColumnKVZ\0"
+     "NSUndoManagerKVZ\0"
+     "NSScrollerKVZ\0"
+     "NSResponderKVZ\0"
+     "NSTextFieldCellKVZ\0"
+     "NSTextKVZ\0"
+     "NSTableHeaderViewKVZ\0"
+     "NSOperationKVZ\0"
+     "NSNotificationKVZ\0"
+     "NSNotificationCenterKVZ\0"
+     "NSDistributedNotificationCenterKVZ\0"
+     "QuartzFilterKVZ\0"
+     "NSUserDefaultsKVZ\0"
+     "NSDockTileKVZ\0"
+     "NSLocaleKVZ\0"
+     "NSAppleEventDescriptorKVZ\0"
+     "NSAppleScriptKVZ\0"
+     "NSTableViewKVZ\0"
+     "NSLayoutManagerKVZ\0"
+     "NSTextContainerKVZ\0"
+     "NSTextViewKVZ\0"
+     "NSTextTabKVZ\0"
+     "NSParagraphStyleKVZ\0"
+     "NSDraggingImageComponentKVZ\0"
+     "NSPasteboardItemKVZ\0"
+     "NSRunLoopKVZ\0"
+     "NSMetadataQueryKVZ\0"
+     "NSMetadataItemKVZ\0"
+     "NSPredicateKVZ\0"
+     "NSCompoundPredicateKVZ\0"
+     "NSSortDescriptorKVZ\0"
+     "NSMetadataQueryResultGroupKVZ\0"
+     "NSComparisonPredicateKVZ\0"
+     "NSExpressionKVZ\0"
+     "WebUIDelegateKVZ\0"
+     "WebResourceLoadDelegateKVZ\0"
+     "WebFrameLoadDelegateKVZ\0"
+     "WebDownloadDelegateKVZ\0"
+     "DRBurnKVZ\0"
+     "PDFAnnotationKVZ\0"
+     "PDFActionKVZ\0",
+     firstField},
+    {"NSSizeKVZ\0", structValue<NSSize, "valueWithSize:">},
+    {"NSRectKVZ\0", structValue<NSRect, "valueWithRect:">},
+    {"NSRangeKVZ\0", structValue<NSRange, "valueWithRange:">},
+    {"NSPointKVZ\0", structValue<NSPoint, "valueWithPoint:">},
+    {"QTKitTimeKVZ\0", fromCategory<"valueWithQTTimeKVZ:">},
+    {"QTKitTimeRangeKVZ\0", fromCategory<"valueWithQTTimeRangeKVZ:">},
+    {"CMTimeMappingKVZ\0", fromCategory<"valueWithCMTimeMappingKVZ:">},
+    {"CMTimeRangeKVZ\0", fromCategory<"valueWithCMTimeRangeKVZ:">},
+    {"CMTimeKVZ\0", fromCategory<"valueWithCMTimeKVZ:">},
+    {"WebPolicyDelegateKVZ\0"
+     "CFObjectKVZ\0"
+     "CGColorKVZ\0"
+     "CGFontKVZ\0"
+     "CGImageKVZ\0"
+     "CGColorSpaceKVZ\0"
+     "CGPathKVZ\0"
+     "CGContextKVZ\0"
+     "CGLayerKVZ\0",
+     firstField},
+};
+
+constexpr std::size_t classCount() {
+  std::size_t count = 0;
+  for (const ObjectRule& rule : objectRules) {
+    for (const char* name = rule.hostClasses; *name; ++name) {
+      while (*name) ++name;
+      ++count;
+    }
+  }
+  return count;
+}
+
 const ObjectRule* ruleOf(REALobjectStruct* object) {
-  for (ObjectRule& rule : objectRules) {
-    if (isOfClass(object, rule.hostClass, rule.known)) return &rule;
+  static void* known[classCount()];
+  void** place = known;
+  for (const ObjectRule& rule : objectRules) {
+    for (const char* name = rule.hostClasses; *name; name += strlen(name) + 1) {
+      if (isOfClass(object, name, *place++)) return &rule;
+    }
   }
   return nullptr;
 }

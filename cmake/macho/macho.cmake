@@ -33,7 +33,7 @@ set(MACHO_LINK_FLAGS -arch i386 -macosx_version_min 10.6 -sdk_version 10.6)
 # headers are in include/.
 execute_process(COMMAND ${MACHO_CXX} -print-file-name=include
   OUTPUT_VARIABLE compiler_headers OUTPUT_STRIP_TRAILING_WHITESPACE)
-# -Oz, since the bundle is to stay within 64 KiB.
+# -Oz, since the bundle is to stay below 60,000 bytes.
 set(MACHO_COMPILE_FLAGS ${MACHO_TARGET} -std=c++20 -Oz -Wall -Wextra -Werror
   -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-stack-protector
   -fvisibility=hidden -fvisibility-inlines-hidden
