@@ -330,7 +330,7 @@ constexpr ObjectRule objectRules[] = {
      firstField},
 };
 
-constexpr std::size_t classCount() {
+consteval std::size_t classCount() {
   std::size_t count = 0;
   for (const ObjectRule& rule : objectRules) {
     for (const char* name = rule.hostClasses; *name; ++name) {

@@ -108,7 +108,7 @@ inline constexpr std::uint32_t kPropertyFlags = 6;
 #define HANDLE_PROPERTY                                                                            \
   { nullptr, "Handle", "Integer", kPropertyFlags, -1, -1, 0, 0, 0, nullptr, nullptr, 0 }
 
-template <class Entry, std::size_t Count> constexpr std::uint32_t entries(Entry (&)[Count]) {
+template <class Entry, std::size_t Count> consteval std::uint32_t entries(Entry (&)[Count]) {
   return Count;
 }
 

@@ -183,6 +183,20 @@ TEST_P(Dates, AreReadFieldByFieldBeforeTheHostsDateIsMade) {
                                   "hourOfDay]"));
 }
 
+id noDate(id self, SEL, NSTimeInterval) {
+  [self release];
+  return nil;
+}
+
+TEST_P(Dates, AreNilWhereCocoaMakesNoCalendarDate) {
+  start();
+  NSDate* date = [NSDate date];
+  class_replaceMethod([NSCalendarDate class], @selector(initWithTimeIntervalSinceReferenceDate:),
+                      reinterpret_cast<IMP>(noDate), "@16@0:4d8");
+  EXPECT_FALSE(toHost(date));
+  EXPECT_EQ(host::calls("PluginNewInstance"), 0u);
+}
+
 TEST_P(Dates, BelongToTheCallerAlone) {
   start();
   EXPECT_EQ(host::referenceCount(toHost([NSDate date])), 1);

@@ -487,6 +487,26 @@ TEST_P(DictionaryRules, EachReadUsesTheMethodsOfItsOwnDictionary) {
               ElementsAreArray(threeFor({"#1", "#2", "#1", "#2", "#1", "#2", "#1", "#2"})));
 }
 
+int dictionariesToMake;
+
+id makeDictionary(id type, SEL, NSUInteger capacity) {
+  if (dictionariesToMake-- == 0) return nil;
+  return [[[type alloc] initWithCapacity:capacity] autorelease];
+}
+
+TEST_P(DictionaryRules, AHostDictionaryForWhichCocoaMakesNoneGivesNothing) {
+  start();
+  Feeder feeder;
+  class_replaceMethod(object_getClass([NSMutableDictionary class]),
+                      @selector(dictionaryWithCapacity:), reinterpret_cast<IMP>(makeDictionary),
+                      "@12@0:4I8");
+  dictionariesToMake = 1;
+  host::Object dictionary = host::dictionary({{"inner", host::dictionary({{"a", 1}})}});
+  host::resetCounts();
+  EXPECT_EQ(print(feeder.convertDictionary(dictionary)), "{\"inner\": null}");
+  EXPECT_EQ(host::calls(method(keyGetter)), 1u) << "the inner one is not read";
+}
+
 TEST_P(DictionaryRules, AnExceptionInTheMiddleLeavesNothingBehind) {
   start();
   Feeder feeder;

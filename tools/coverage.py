@@ -3,7 +3,7 @@
 usage: coverage.py EXPORT.json UNCOVERED.txt
 
 A template's branch counts as taken when any of its instances takes it. UNCOVERED.txt names lines
-that need not be reached: FILE: SOURCE TEXT # reason.
+that need not be reached: FILE: FUNCTION: SOURCE TEXT # reason.
 """
 
 import json
@@ -20,14 +20,17 @@ def main(export, excused_list):
     for entry in Path(excused_list).read_text().splitlines():
         if entry and not entry.startswith("#"):
             place, _, reason = entry.partition(" # ")
-            name, _, text = place.partition(": ")
-            excused[name, text.strip()] = reason
+            name, function, text = place.split(": ", 2)
+            excused[name, function, text.strip()] = reason
     used = set()
     branches = defaultdict(lambda: [0, 0])
     lines = defaultdict(int)
     data = json.loads(Path(export).read_text())["data"][0]
+    places = defaultdict(list)  # of a file: first and last line of a function, and its mangled name
     for function in data["functions"]:
         files = function["filenames"]
+        start, _, end, *_ = function["regions"][0]
+        places[files[0]].append((start, end, function["name"]))
         for start, column, end, end_column, taken, not_taken, file, _, _ in function.get(
             "branches", []
         ):
@@ -40,10 +43,12 @@ def main(export, excused_list):
     def excuse(name, number):
         path = Path(name)
         relative = str(path.relative_to(root))
-        key = (relative, path.read_text().splitlines()[number - 1].strip())
-        if key in excused:
-            used.add(key)
-        return key in excused
+        text = path.read_text().splitlines()[number - 1].strip()
+        for key in excused:
+            if (key[0], key[2]) == (relative, text) and stands_in(places[name], number, key[1]):
+                used.add(key)
+                return True
+        return False
 
     unreached = [k for k, count in lines.items() if not count]
     missed_lines = [k for k in unreached if not excuse(*k)]
@@ -60,7 +65,7 @@ def main(export, excused_list):
     for name, number, column, which in sorted(missed_branches):
         print(f"{Path(name).relative_to(root)}:{number}:{column}: branch never {which}")
     for key in sorted(set(excused) - used):
-        print(f"tools/uncovered.txt: no longer true, remove it: {key[0]}: {key[1]}")
+        print("tools/uncovered.txt: no longer true, remove it: " + ": ".join(key))
     line_share = 100.0 * (len(lines) - len(missed_lines)) / len(lines)
     branch_share = 100.0 * covered / total
     print(
@@ -75,6 +80,14 @@ def main(export, excused_list):
         file=sys.stderr,
     )
     return 1
+
+
+def stands_in(places, number, function):
+    """Whether a function of this name, mangled or not, goes over the line."""
+    return any(
+        start <= number <= end and (name == function or f"{len(function)}{function}" in name)
+        for start, end, name in places
+    )
 
 
 def line_counts(file):
