@@ -79,7 +79,6 @@ protected:
   }
   void TearDown() override {
     appcast.reset();
-    observer.reset();
     session::Test::TearDown();
   }
   static void loadFakes() {
@@ -112,24 +111,13 @@ protected:
     for (id object in array) objects.push_back(object);
     return objects;
   }
-  // The host instance that an event carries for the object.
-  host::Object handedOver(id object) {
-    host::Object seen;
-    if (!observer) {
-      host::subclass("Observer", "SUUpdaterKVZ");
-      observer = host::construct("Observer", "Constructor");
-    }
-    host::handle("Observer", "didFinishLoadingAppcast(update as SUAppcastKVZ)",
-                 [&](host::Event& event) { seen = event[0]; });
-    id delegate = static_cast<id*>(host::data(observer, "SUUpdaterKVZ"))[1];
-    [delegate performSelector:sel_registerName("updater_didFinishLoadingAppcast_on_mail_thread:")
-                   withObject:object];
-    return seen;
+  static host::Object handedOver(id object) {
+    return fakes::handedOver("didFinishLoadingAppcast(update as SUAppcastKVZ)",
+                             "updater_didFinishLoadingAppcast_on_mail_thread:", object);
   }
 
   FakeAppcast* fake = nil;
   host::Object appcast;
-  host::Object observer;
 };
 INSTANTIATE_TEST_SUITE_P(Hosts, Appcast, session::everyInterface(), session::hostName);
 

@@ -1,6 +1,7 @@
 // How failures reach the host program: exceptions of the host's own classes, Cocoa exceptions as
 // NSExceptionKVZ, and, out of what the framework calls, a line in the system log and nothing else.
 
+#include "plugin_objects.h"
 #include "session.h"
 #include "unreported.h"
 
@@ -91,21 +92,6 @@ ANSWER(void, fetchAppcastFromURL : (id)value, (void)value)
 
 ANSWER(void, invoke, )
 ANSWER(void, clearTarget, )
-@end
-
-@interface NSObject (Callbacks)
-- (id)pathToRelaunchForUpdater:(id)updater;
-- (id)versionComparatorForUpdater:(id)updater;
-- (void)updaterWillRelaunchApplication:(id)updater;
-- (void)updaterDidNotFindUpdate:(id)updater;
-- (BOOL)updaterShouldPromptForPermissionToCheckForUpdates:(id)updater;
-- (void)updater:(id)updater didFindValidUpdate:(id)item;
-- (void)updater:(id)updater willInstallUpdate:(id)item;
-- (void)updater:(id)updater didFinishLoadingAppcast:(id)appcast;
-- (id)bestValidUpdateInAppcast:(id)appcast forUpdater:(id)updater;
-- (NSArray*)feedParametersForUpdater:(id)updater sendingSystemProfile:(BOOL)sending;
-- (BOOL)updater:(id)updater shouldPostponeRelaunchForUpdate:(id)item untilInvoking:(id)invocation;
-- (int)compareVersion:(NSString*)a toVersion:(NSString*)b;
 @end
 
 namespace {

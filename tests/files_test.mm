@@ -4,6 +4,7 @@
 // Host to Cocoa goes through a dictionary of feed parameters, Cocoa to host through an item's
 // properties. There, what is no file is an absent value or the URL's text.
 
+#include "plugin_objects.h"
 #include "session.h"
 
 #include "testbed/cocoa/faults.h"
@@ -52,10 +53,6 @@ using testing::IsEmpty;
 - (void)setDelegate:(id)delegate {
   (void)delegate;
 }
-@end
-
-@interface NSObject (FeedParameters)
-- (NSArray*)feedParametersForUpdater:(id)updater sendingSystemProfile:(BOOL)sending;
 @end
 
 // Stands before the File Manager: to some of its versions a volume's root has a parent that seems

@@ -1,6 +1,7 @@
 // Every operation of the host that the plug-in calls: asked for by name at its first use, never
 // again once it was found, at each use while the host lacks it, and then skipped.
 
+#include "plugin_objects.h"
 #include "session.h"
 
 #include <gmock/gmock.h>
@@ -49,11 +50,6 @@
   [userAgent release];
   [super dealloc];
 }
-@end
-
-@interface NSObject (Callbacks)
-- (NSArray*)feedParametersForUpdater:(id)updater sendingSystemProfile:(BOOL)sending;
-- (int)compareVersion:(NSString*)a toVersion:(NSString*)b;
 @end
 
 namespace {

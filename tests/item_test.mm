@@ -51,7 +51,6 @@ protected:
   }
   void TearDown() override {
     item.reset();
-    observer.reset();
     session::Test::TearDown();
   }
   static void loadFakes() {
@@ -59,24 +58,13 @@ protected:
                              {"SUAppcast", [FakeAppcast class]},
                              {"SUAppcastItem", [FakeItem class]}}));
   }
-  // The host instance that an event carries for the object.
-  host::Object handedOver(id object) {
-    host::Object seen;
-    if (!observer) {
-      host::subclass("Observer", "SUUpdaterKVZ");
-      observer = host::construct("Observer", "Constructor");
-    }
-    host::handle("Observer", "didFindValidUpdate(update as SUAppcastItemKVZ)",
-                 [&](host::Event& event) { seen = event[0]; });
-    id delegate = static_cast<id*>(host::data(observer, "SUUpdaterKVZ"))[1];
-    [delegate performSelector:sel_registerName("updater_didFindValidUpdate_on_mail_thread:")
-                   withObject:object];
-    return seen;
+  static host::Object handedOver(id object) {
+    return fakes::handedOver("didFindValidUpdate(update as SUAppcastItemKVZ)",
+                             "updater_didFindValidUpdate_on_mail_thread:", object);
   }
 
   FakeItem* fake = nil;
   host::Object item;
-  host::Object observer;
 };
 INSTANTIATE_TEST_SUITE_P(Hosts, Item, session::everyInterface(), session::hostName);
 

@@ -2,6 +2,7 @@
 // word by word. The tables below are what host programs bind to.
 
 #include "plugin_entry.h"
+#include "plugin_objects.h"
 #include "unreported.h"
 
 #include "testbed/cocoa/faults.h"
@@ -519,28 +520,6 @@ INSTANTIATE_TEST_SUITE_P(Hosts, Registration, session::everyHost(), session::hos
 
 // ---- The way back from an event to the host's word
 // -------------------------------------------------
-
-} // namespace
-
-@interface NSObject (Callbacks)
-- (id)delegate;
-- (NSString*)pathToRelaunchForUpdater:(id)updater;
-- (id)versionComparatorForUpdater:(id)updater;
-- (void)updaterWillRelaunchApplication:(id)updater;
-- (void)updaterDidNotFindUpdate:(id)updater;
-- (BOOL)updaterShouldPromptForPermissionToCheckForUpdates:(id)updater;
-- (void)updater:(id)updater didFindValidUpdate:(id)item;
-- (void)updater:(id)updater willInstallUpdate:(id)item;
-- (void)updater:(id)updater didFinishLoadingAppcast:(id)appcast;
-- (id)bestValidUpdateInAppcast:(id)appcast forUpdater:(id)updater;
-- (id)feedParametersForUpdater:(id)updater sendingSystemProfile:(BOOL)sending;
-- (BOOL)updater:(id)updater
-    shouldPostponeRelaunchForUpdate:(id)item
-                      untilInvoking:(NSInvocation*)invocation;
-- (int)compareVersion:(NSString*)a toVersion:(NSString*)b;
-@end
-
-namespace {
 
 using RaiseEvent = void (*)(id delegate);
 

@@ -9,41 +9,14 @@
 // program: it defines Objective-C classes.
 #pragma once
 
+#include "odd_objects.h"
+#include "plugin_objects.h"
 #include "session.h"
 
 #include "testbed/companion/companion.h"
 
 #import <Foundation/Foundation.h>
 #include <objc/runtime.h>
-
-// Plays an item of the framework.
-@interface PlayedItem : NSObject {
-@public
-  id properties;
-}
-@end
-
-@implementation PlayedItem
-- (id)propertiesDictionary {
-  return properties;
-}
-@end
-
-// A dictionary of one entry, whose value may be nil.
-@interface OneEntry : NSObject {
-@public
-  id value;
-}
-@end
-
-@implementation OneEntry
-- (NSArray*)allKeys {
-  return [NSArray arrayWithObject:@"value"];
-}
-- (id)objectForKey:(id)key {
-  return [key isEqual:@"value"] ? value : nil;
-}
-@end
 
 // Counts what is done to it; belongs to whoever made it.
 @interface Probe : NSObject {
@@ -67,14 +40,6 @@ static int probeDeaths;
   ++probeDeaths;
   [super dealloc];
 }
-@end
-
-@protocol FeedDelegate
-- (id)feedParametersForUpdater:(id)updater sendingSystemProfile:(BOOL)sending;
-@end
-
-@protocol HasDelegate
-- (id)delegate;
 @end
 
 @interface NSException (ConversionTests)
@@ -211,8 +176,8 @@ public:
   // What the framework gets when the handler answers this.
   NSArray* ask(const host::Object& array) {
     answer_ = array;
-    id answer = [static_cast<id<FeedDelegate>>(delegate_) feedParametersForUpdater:nil
-                                                              sendingSystemProfile:NO];
+    id answer = [static_cast<id<Delegate>>(delegate_) feedParametersForUpdater:nil
+                                                          sendingSystemProfile:NO];
     answer_ = nullptr;
     return answer;
   }

@@ -114,6 +114,18 @@ inline const void* registered(id object) {
   return CFDictionaryGetValue([NSException GetInstancesDictionaryKVZ], object);
 }
 
+// The host instance that an event carries for the object: what the main thread's half of a report
+// hands to its handler.
+inline host::Object handedOver(const char* event, const char* half, id object) {
+  static bool observing;
+  if (!std::exchange(observing, true)) host::subclass("Observer", "SUUpdaterKVZ");
+  host::Object seen, observer = host::construct("Observer", "Constructor");
+  host::handle("Observer", event, [&](host::Event& raised) { seen = raised[0]; });
+  id delegate = static_cast<id*>(host::data(observer, "SUUpdaterKVZ"))[1];
+  [delegate performSelector:sel_registerName(half) withObject:object];
+  return seen;
+}
+
 inline std::map<std::string, Class>& frameworkClasses() {
   static auto* classes = new std::map<std::string, Class>;
   return *classes;

@@ -20,3 +20,8 @@
 @protocol Comparator
 - (int)compareVersion:(id)a toVersion:(id)b;
 @end
+
+// The framework's updater, which knows its delegate.
+@protocol HasDelegate
+- (id)delegate;
+@end
