@@ -5,6 +5,7 @@
 
 #include "testbed/cocoa/crossing.h"
 #include "testbed/cocoa/faults.h"
+#include "testbed/cocoa/numbers.h"
 #include "testbed/cocoa/typeids.h"
 #include "testbed/companion/companion.h"
 
@@ -75,6 +76,9 @@
 @interface BenchThing : NSObject
 @end
 @implementation BenchThing
++ (void)initialize {
+  typeids_deny(self);
+}
 @end
 
 @interface NSObject (Boxes)
@@ -438,34 +442,15 @@ struct CocoaRow {
 };
 
 id number(unsigned i, const char* type) {
-  uint64_t bytes = i % 100;
-  double real = i;
-  float single = static_cast<float>(i);
   switch (*type) {
   case 'c':
     return [NSNumber numberWithBool:i % 2];
-  case 'C':
-    return [NSNumber numberWithUnsignedChar:static_cast<unsigned char>(bytes)];
-  case 's':
-    return [NSNumber numberWithShort:static_cast<short>(bytes)];
-  case 'S':
-    return [NSNumber numberWithUnsignedShort:static_cast<unsigned short>(bytes)];
-  case 'i':
-    return [NSNumber numberWithInt:static_cast<int>(bytes)];
-  case 'I':
-    return [NSNumber numberWithUnsignedInt:static_cast<unsigned>(bytes)];
-  case 'l':
-    return [NSNumber numberWithLong:static_cast<long>(bytes)];
-  case 'L':
-    return [NSNumber numberWithUnsignedLong:static_cast<unsigned long>(bytes)];
-  case 'q':
-    return [NSNumber numberWithLongLong:static_cast<long long>(bytes)];
-  case 'Q':
-    return [NSNumber numberWithUnsignedLongLong:bytes];
   case 'f':
-    return [NSNumber numberWithFloat:single];
+    return [NSNumber numberWithFloat:static_cast<float>(i)];
+  case 'd':
+    return [NSNumber numberWithDouble:i];
   default:
-    return [NSNumber numberWithDouble:real];
+    return numbers_coded(*type, i % 100);
   }
 }
 

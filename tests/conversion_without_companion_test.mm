@@ -3,6 +3,7 @@
 
 #include "conversion.h"
 
+#include "testbed/cocoa/numbers.h"
 #include "testbed/cocoa/typeids.h"
 #include "testbed/server/release.h"
 
@@ -76,8 +77,8 @@ TEST_P(WithoutCompanion, PlainValuesCrossToTheHost) {
                                      timeZone:[NSTimeZone defaultTimeZone]];
   NSArray* values = [NSArray
       arrayWithObjects:@"text", [NSNumber numberWithBool:YES], [NSNumber numberWithInt:-3],
-                       [NSNumber numberWithUnsignedInt:4], [NSNumber numberWithLongLong:5],
-                       [NSNumber numberWithUnsignedLongLong:6], [NSNumber numberWithFloat:1.5f],
+                       numbers_coded('I', 4), [NSNumber numberWithLongLong:5],
+                       numbers_coded('Q', 6), [NSNumber numberWithFloat:1.5f],
                        [NSNumber numberWithDouble:2.5], date, [NSSet setWithObject:@"member"],
                        [NSData dataWithBytes:"abc" length:3],
                        [NSDictionary dictionaryWithObject:@"v" forKey:@"k"], nil];
@@ -201,6 +202,7 @@ TEST_P(WithoutCompanion, AWrapperOfCoreFoundationNeedsItsTag) {
 TEST_P(WithoutCompanion, TheClassWalkFindsWhatTheHostHas) {
   start();
   host::defineClass("NSObjectKVZ", {}, sizeof(id));
+  typeids_deny([Probe class]);
   Probe* probe = [[Probe alloc] init];
   host::Object wrapper = toHost(probe);
   EXPECT_EQ(host::className(wrapper), "NSObjectKVZ");

@@ -4,6 +4,8 @@
 #include "plugin_objects.h"
 #include "session.h"
 
+#include "testbed/cocoa/numbers.h"
+
 #include <gmock/gmock.h>
 
 #import <Foundation/Foundation.h>
@@ -329,11 +331,11 @@ const Row rows[] = {
      "{Int32 1: \"text\"}", "{Int32 1: nil}"},
     {"Int32ToVariant", "Int32ToVariant", USE(property([NSNumber numberWithInt:5])),
      "{\"key\": Int32 5}", "{\"key\": nil}"},
-    {"UInt32ToVariant", "UInt32ToVariant", USE(property([NSNumber numberWithUnsignedInt:5])),
+    {"UInt32ToVariant", "UInt32ToVariant", USE(property(numbers_coded('I', 5))),
      "{\"key\": UInt32 5}", "{\"key\": nil}"},
     {"Int64ToVariant", "Int64ToVariant", USE(property([NSNumber numberWithLongLong:5])),
      "{\"key\": Int64 5}", "{\"key\": nil}"},
-    {"UInt64ToVariant", "UInt64ToVariant", USE(property([NSNumber numberWithUnsignedLongLong:5])),
+    {"UInt64ToVariant", "UInt64ToVariant", USE(property(numbers_coded('Q', 5))),
      "{\"key\": UInt64 5}", "{\"key\": nil}"},
     {"SingleToVariant", "SingleToVariant", USE(property([NSNumber numberWithFloat:1.5f])),
      "{\"key\": Single 1.5}", "{\"key\": nil}"},

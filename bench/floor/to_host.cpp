@@ -227,7 +227,8 @@ struct CFFields {
 
 [[gnu::noinline]] Object* fromOther(id object) {
   ask<21>(object);
-  FRAME(send<BOOL>(object, sel.respondsTo, sel.cfTypeID););
+  FRAME(send<BOOL>(object, sel.respondsTo, sel.cfTypeID);
+        send<std::int32_t>(object, sel.cfTypeID););
   send<id>(object, sel.retain);
   Object* instance = newWrapper();
   record<id>(instance) = object;
@@ -237,7 +238,8 @@ struct CFFields {
 // No class of the host's fits.
 [[gnu::noinline]] Object* fromUnknown(id object) {
   ask<21>(object);
-  FRAME(send<BOOL>(object, sel.respondsTo, sel.cfTypeID););
+  FRAME(send<BOOL>(object, sel.respondsTo, sel.cfTypeID);
+        send<std::int32_t>(object, sel.cfTypeID););
   send<id>(object, sel.retain);
   newWrapper();
   send<void>(object, sel.release);

@@ -1,17 +1,23 @@
-// NSLog for the plug-in, and number codes as on Mac OS X.
+// NSLog for the plug-in; number codes and threads as on Mac OS X.
 
 #import <Foundation/Foundation.h>
 #import <objc/message.h>
 
 #include "testbed/cocoa/marks.h"
+#include "testbed/cocoa/numbers.h"
 
+#include <cctype>
 #include <cstdarg>
 #include <cstring>
+#include <pthread.h>
 
+namespace {
+void take_over_threads();
+}
 static void take_over_numbers();
 static NSNumber* number_of_gnustep(long long bits, bool is_unsigned);
 
-// A number that keeps the type it was made with. GNUstep's own widen or narrow most integers.
+// A number of a type that GNUstep's own would widen or narrow.
 @interface TestbedNumber : NSNumber {
 @public
   long long bits; // of a 'Q' the same 64 bits
@@ -22,6 +28,7 @@ static NSNumber* number_of_gnustep(long long bits, bool is_unsigned);
 @implementation TestbedNumber
 + (void)load {
   take_over_numbers();
+  take_over_threads();
 }
 - (const char*)objCType {
   return code;
@@ -82,17 +89,23 @@ REAL(doubleValue, double)
 
 namespace {
 
-// One for each constructor that GNUstep answers with another type. Subclasses of NSNumber keep
-// GNUstep's constructor.
+NSNumber* number_of(char code, long long bits) {
+  TestbedNumber* made = [TestbedNumber alloc];
+  made->bits = bits;
+  made->code[0] = code;
+  return [made autorelease];
+}
+
+// One for each constructor that GNUstep answers with another type than Mac OS X, which keeps the
+// unsigned ones in the next larger signed type that there is. Subclasses of NSNumber keep GNUstep's
+// constructor.
 template <class Value, char Code> struct constructor {
   static inline id (*original)(Class, SEL, Value);
 
   static id make(Class self, SEL selector, Value value) {
     if (self != [NSNumber class]) return original(self, selector, value);
-    TestbedNumber* made = [TestbedNumber alloc];
-    made->bits = static_cast<long long>(value);
-    made->code[0] = Code;
-    return [made autorelease];
+    auto bits = static_cast<long long>(value);
+    return number_of(Code == 'Q' && bits >= 0 ? 'q' : Code, bits);
   }
 
   static void install(SEL selector) {
@@ -102,6 +115,33 @@ template <class Value, char Code> struct constructor {
   }
 };
 
+// The stack of all threads but the main one, whoever makes them. Instrumented code takes several
+// times as much. GNUstep's HTTP keeps a buffer of 512 KiB on the stack of the thread that fetches;
+// Cocoa's does not, so its threads get the room for that as well.
+#if !__has_feature(address_sanitizer)
+constexpr size_t stack_of_mac_os_x = 512 << 10, buffer_of_gnustep = 512 << 10;
+
+void (*start_thread)(NSThread*, SEL);
+
+void start_thread_with_room(NSThread* self, SEL selector) {
+  if (![self stackSize]) [self setStackSize:stack_of_mac_os_x + buffer_of_gnustep];
+  start_thread(self, selector);
+}
+
+void take_over_threads() {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setstacksize(&attributes, stack_of_mac_os_x);
+  if (pthread_setattr_default_np(&attributes)) marks::die("no stack of 512 KiB for threads");
+  pthread_attr_destroy(&attributes);
+  Method start = class_getInstanceMethod([NSThread class], @selector(start));
+  start_thread = reinterpret_cast<decltype(start_thread)>(
+      method_setImplementation(start, reinterpret_cast<IMP>(start_thread_with_room)));
+}
+#else
+void take_over_threads() {}
+#endif
+
 // What GNUstep calls "C" is "c" on Mac OS X.
 const char* boolean_code(id, SEL) { return "c"; }
 
@@ -109,13 +149,13 @@ const char* boolean_code(id, SEL) { return "c"; }
 
 static void take_over_numbers() {
   constructor<signed char, 'c'>::install(@selector(numberWithChar:));
-  constructor<unsigned char, 'C'>::install(@selector(numberWithUnsignedChar:));
+  constructor<unsigned char, 's'>::install(@selector(numberWithUnsignedChar:));
   constructor<short, 's'>::install(@selector(numberWithShort:));
-  constructor<unsigned short, 'S'>::install(@selector(numberWithUnsignedShort:));
-  constructor<unsigned int, 'I'>::install(@selector(numberWithUnsignedInt:));
-  constructor<NSUInteger, 'I'>::install(@selector(numberWithUnsignedInteger:));
+  constructor<unsigned short, 'i'>::install(@selector(numberWithUnsignedShort:));
+  constructor<unsigned int, 'q'>::install(@selector(numberWithUnsignedInt:));
+  constructor<NSUInteger, 'q'>::install(@selector(numberWithUnsignedInteger:));
   constructor<long, 'l'>::install(@selector(numberWithLong:));
-  constructor<unsigned long, 'L'>::install(@selector(numberWithUnsignedLong:));
+  constructor<unsigned long, 'q'>::install(@selector(numberWithUnsignedLong:));
   constructor<long long, 'q'>::install(@selector(numberWithLongLong:));
   constructor<unsigned long long, 'Q'>::install(@selector(numberWithUnsignedLongLong:));
   Class booleans = objc_getClass("NSBoolNumber");
@@ -136,6 +176,14 @@ static NSNumber* number_of_gnustep(long long bits, bool is_unsigned) {
 
 extern "C" {
 #pragma GCC visibility push(default)
+
+id numbers_coded(char code, long long bits) {
+  if (!code || !strchr("cCsSiIlLqQ", code)) marks::die("numbers_coded: no code '%c'", code);
+  int spare = 64 - 8 * objc_sizeof_type(&code);
+  auto top = static_cast<unsigned long long>(bits) << spare;
+  return number_of(code, isupper(code) ? static_cast<long long>(top >> spare)
+                                       : static_cast<long long>(top) >> spare);
+}
 
 // GNUstep's own, but what a description throws goes on in the plug-in.
 void __wrap_NSLog(NSString* format, ...) {

@@ -14,6 +14,7 @@ namespace {
 
 enum row : unsigned long {
   no_row,
+  plain_row, // CFType's own, which no function answers
 #define ROW(name) name##_row,
   TYPEID_ROWS(ROW)
 #undef ROW
@@ -51,6 +52,21 @@ void needs(const void* object, const char* function) {
   if (!object) marks::die("%s: a null pointer, which crashes on Mac OS X", function);
 }
 
+row row_of(id object) {
+  for (auto& each : bridged) {
+    Class kind = objc_getClass(each.class_name);
+    if (kind && [object isKindOfClass:kind]) return each.type;
+  }
+  return plain_row;
+}
+
+unsigned long type_of(id self, SEL) { return row_of(self); }
+unsigned long zero(id, SEL) { return 0; }
+
+void answer(Class type, unsigned long (*method)(id, SEL)) {
+  class_replaceMethod(type, @selector(_cfTypeID), reinterpret_cast<IMP>(method), "L8@0:4");
+}
+
 } // namespace
 
 @interface TestbedTypedObject : NSObject {
@@ -63,6 +79,10 @@ void needs(const void* object, const char* function) {
 @end
 
 @implementation TestbedTypedObject
++ (void)load {
+  const char* asked = getenv("TESTBED_CFTYPEID");
+  if (!asked || strcmp(asked, "none") != 0) answer([NSObject class], type_of);
+}
 - (void)throwOn:(const char*)place {
   if (!strcmp(throwing_on, place)) throw_as(thrown, place);
 }
@@ -95,11 +115,13 @@ unsigned long typeids_of(const char* name) {
 #undef ROW
   };
   for (unsigned long n = 0; n < std::size(names); ++n)
-    if (!strcmp(names[n], name)) return n + 1;
+    if (!strcmp(names[n], name)) return n + plain_row + 1;
   return 0;
 }
 
 unsigned long typeids_of_no_row(void) { return other_row; }
+
+void typeids_deny(Class type) { answer(type, zero); }
 
 id typeids_object(unsigned long type) {
   TestbedTypedObject* made = [TestbedTypedObject new];
@@ -131,11 +153,8 @@ unsigned long CFGetTypeID(id object) {
     if ([object isKindOfClass:[TestbedTypedObject class]])
       [static_cast<TestbedTypedObject*>(object) throwOn:"CFGetTypeID"];
     if ([object respondsToSelector:@selector(_cfTypeID)]) return [object _cfTypeID];
-    for (auto& each : bridged) {
-      Class kind = objc_getClass(each.class_name);
-      if (kind && [object isKindOfClass:kind]) return each.type;
-    }
-    return other_row;
+    row type = row_of(object);
+    return type == plain_row ? other_row : type;
   });
 }
 

@@ -1,8 +1,9 @@
 /* Core Foundation type identifiers, and objects for tests that have one.
  *
- * GNUstep's objects do not answer _cfTypeID. The objects made here do, as CF objects of Mac OS X
- * do, and CFGetTypeID of one gives what its _cfTypeID answers. Threads: any. Ownership: the
- * functions that make an object answer it with one reference, which the caller releases.
+ * Every NSObject answers _cfTypeID, as (very likely) on Mac OS X: the identifier of its CF type if
+ * it has one, else 1. With TESTBED_CFTYPEID=none in the environment only the objects made here do.
+ * CFGetTypeID gives what an object's _cfTypeID answers. Threads: any. Ownership: the functions that
+ * make an object answer it with one reference, which the caller releases.
  */
 #pragma once
 
@@ -51,11 +52,14 @@ extern "C" {
 #endif
 
 /* The identifier that the function NAME ("CFURLGetTypeID") answers, or 0 for a name that no row
- * has. Every row has one of its own, above 0. */
+ * has. Every row has one of its own, above 1. */
 unsigned long typeids_of(const char* name);
 
-/* An identifier above 0 that no row has. */
+/* An identifier above 1 that no row has. */
 unsigned long typeids_of_no_row(void);
+
+/* From here on objects of the class and of its subclasses answer 0: no CF object of any kind. */
+void typeids_deny(Class type);
 
 /* An object whose _cfTypeID is TYPE, whatever that is: an identifier from above, or 0. */
 id typeids_object(unsigned long type);

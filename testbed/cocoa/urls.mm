@@ -8,6 +8,7 @@
 #include "testbed/cocoa/observe.h"
 #include "testbed/cocoa/text.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -77,6 +78,7 @@ std::string unescaped(std::string_view text) {
 // scheme://authority, path, and the rest from the first of ;?# on. Views into the text.
 struct parts {
   std::string_view before, path, after;
+  std::string_view scheme, authority; // both in `before`; empty when they are not there
   bool hierarchical;
 };
 
@@ -85,10 +87,14 @@ parts split(std::string_view text) {
   size_t start = 0;
   size_t colon = text.find_first_of(":/?#");
   bool scheme = colon != std::string_view::npos && text[colon] == ':';
-  if (scheme) start = colon + 1;
+  if (scheme) {
+    made.scheme = text.substr(0, colon);
+    start = colon + 1;
+  }
   if (text.substr(start, 2) == "//") {
-    start += 2;
-    while (start < text.size() && !is_one_of(text[start], "/?#")) ++start;
+    size_t authority = start + 2;
+    start = std::min(text.find_first_of("/?#", authority), text.size());
+    made.authority = text.substr(authority, start - authority);
   }
   size_t end = start;
   while (end < text.size() && !is_one_of(text[end], ";?#")) ++end;
@@ -130,13 +136,17 @@ std::string_view last_of(std::string_view path) {
   return path.substr(start, end + 1 - start);
 }
 
-// The path that a file URL means; empty for every other URL.
+bool is_nothing_or(std::string_view text, const char* word) {
+  return text.empty() ||
+         (text.size() == strlen(word) && !strncasecmp(text.data(), word, text.size()));
+}
+
+// The path that a file URL means; empty for every other URL. One without a scheme counts as a file.
 std::string file_path(NSURL* url) {
   std::string text = text_of(url);
   parts all = split(text);
-  if (strncasecmp(text.c_str(), "file:", 5) != 0) return "";
-  if (all.before.size() > 7 && strncasecmp(all.before.data() + 7, "localhost", 9) != 0) return "";
-  return unescaped(all.path);
+  bool file = is_nothing_or(all.scheme, "file") && is_nothing_or(all.authority, "localhost");
+  return file && all.path.starts_with('/') ? unescaped(all.path) : "";
 }
 
 } // namespace

@@ -9,6 +9,7 @@
 #include "fakes.h"
 #include "lines.h"
 
+#include "testbed/cocoa/numbers.h"
 #include "testbed/cocoa/typeids.h"
 
 #include <cmath>
@@ -81,6 +82,9 @@ using Line = std::optional<std::string>;
 @interface Plain : NSObject
 @end
 @implementation Plain
++ (void)initialize {
+  typeids_deny(self);
+}
 @end
 
 @protocol Boxing
@@ -226,7 +230,7 @@ Made number(fuzz::Input& input) {
   }
   case 2: {
     int v = input.number<uint8_t>();
-    return line([NSNumber numberWithUnsignedChar:v], "Int32ToVariant", v, "l");
+    return line(numbers_coded('C', v), "Int32ToVariant", v, "l");
   }
   case 3: {
     int v = input.number<int16_t>();
@@ -234,7 +238,7 @@ Made number(fuzz::Input& input) {
   }
   case 4: {
     int v = input.number<uint16_t>();
-    return line([NSNumber numberWithUnsignedShort:v], "Int32ToVariant", v, "l");
+    return line(numbers_coded('S', v), "Int32ToVariant", v, "l");
   }
   case 5: {
     auto v = input.number<int32_t>();
@@ -242,7 +246,7 @@ Made number(fuzz::Input& input) {
   }
   case 6: {
     auto v = input.number<uint32_t>();
-    return line([NSNumber numberWithUnsignedInt:v], "UInt32ToVariant", v, "q");
+    return line(numbers_coded('I', v), "UInt32ToVariant", v, "q");
   }
   case 7: {
     auto v = input.number<int32_t>();
@@ -250,7 +254,7 @@ Made number(fuzz::Input& input) {
   }
   case 8: {
     auto v = input.number<uint32_t>();
-    return line([NSNumber numberWithUnsignedLong:v], "UInt32ToVariant", v, "q");
+    return line(numbers_coded('L', v), "UInt32ToVariant", v, "q");
   }
   case 9: {
     auto v = input.number<int64_t>();
@@ -258,7 +262,8 @@ Made number(fuzz::Input& input) {
   }
   case 10: {
     auto v = input.number<uint64_t>(); // of which 32 bits are carried
-    return line([NSNumber numberWithUnsignedLongLong:v], "UInt64ToVariant", v & 0xFFFFFFFF, "q");
+    return line(numbers_coded('Q', static_cast<int64_t>(v)), "UInt64ToVariant", v & 0xFFFFFFFF,
+                "q");
   }
   case 11: {
     auto v = input.number<float>();

@@ -9,6 +9,7 @@
 #include "testbed/cocoa/crossing.h"
 #include "testbed/cocoa/faults.h"
 #include "testbed/cocoa/files.h"
+#include "testbed/cocoa/numbers.h"
 #include "testbed/cocoa/typeids.h"
 
 #include <array>
@@ -1115,12 +1116,35 @@ TEST_F(Types, AreDistinctAndKnownByName) {
   EXPECT_EQ(typeids_of("CFNothingGetTypeID"), 0u);
 }
 
-TEST_F(Types, OfGNUstepObjectsAreNotAskedOfThem) {
-  EXPECT_FALSE([@"" respondsToSelector:sel_registerName("_cfTypeID")]);
-  EXPECT_EQ(CFGetTypeID(@""), CFStringGetTypeID());
-  EXPECT_EQ(CFGetTypeID([NSNumber numberWithBool:YES]), CFBooleanGetTypeID());
-  EXPECT_EQ(CFGetTypeID([NSNumber numberWithShort:1]), CFNumberGetTypeID());
-  EXPECT_EQ(CFGetTypeID([[NSObject new] autorelease]), typeids_of_no_row());
+// In two processes: as it is, and with TESTBED_CFTYPEID=none.
+TEST_F(Types, AreAnsweredByEveryObjectUnlessToldOtherwise) {
+  bool answered = !getenv("TESTBED_CFTYPEID");
+  id plain = [[NSObject new] autorelease];
+  std::pair<id, unsigned long> rows[] = {{@"", CFStringGetTypeID()},
+                                         {[NSNumber numberWithBool:YES], CFBooleanGetTypeID()},
+                                         {[NSNumber numberWithShort:1], CFNumberGetTypeID()},
+                                         {plain, answered ? 1 : typeids_of_no_row()}};
+  for (auto& [object, type] : rows) {
+    EXPECT_EQ(CFGetTypeID(object), type);
+    EXPECT_EQ([object respondsToSelector:sel_registerName("_cfTypeID")], answered);
+    if (answered) EXPECT_EQ((uint32_t)send(object, "_cfTypeID"), type);
+  }
+}
+
+TEST_F(Types, OneIsNoRowsAndGivenToPlainObjects) {
+#define ROW(name) EXPECT_NE(name##GetTypeID(), 1u);
+  TYPEID_ROWS(ROW)
+#undef ROW
+  EXPECT_NE(typeids_of_no_row(), 1u);
+}
+
+TEST_F(Types, AClassMayAnswerZero) {
+  Class type = objc_allocateClassPair([NSObject class], "TypesDenied", 0);
+  objc_registerClassPair(type);
+  typeids_deny(type);
+  id object = [[type new] autorelease];
+  EXPECT_TRUE([object respondsToSelector:sel_registerName("_cfTypeID")]);
+  EXPECT_EQ((uint32_t)send(object, "_cfTypeID"), 0u);
 }
 
 TEST_F(Types, MayBeZero) {
@@ -1166,9 +1190,49 @@ TEST_F(Types, CountWhatIsRetained) {
   [image release];
 }
 
+// Threads
+
+size_t stack_of_this_thread() {
+  pthread_attr_t attributes;
+  void* start;
+  size_t size = 0;
+  pthread_getattr_np(pthread_self(), &attributes);
+  pthread_attr_getstack(&attributes, &start, &size);
+  pthread_attr_destroy(&attributes);
+  return size;
+}
+
+// Instrumented code needs larger stacks.
+#if !__has_feature(address_sanitizer)
+TEST(Threads, HaveTheStackOfMacOSX) {
+  size_t size = 0;
+  std::thread([&] { size = stack_of_this_thread(); }).join();
+  EXPECT_EQ(size, 512u << 10);
+}
+
+size_t stack_of_cocoas_thread;
+
+// Also while GNUstep keeps its buffer of 512 KiB there.
+TEST(Threads, OfCocoaHaveThatMuchFree) {
+  Class type = objc_allocateClassPair([NSObject class], "ThreadsBody", 0);
+  class_addMethod(type, sel_registerName("run:"), reinterpret_cast<IMP>(+[](id, SEL, id) {
+                    stack_of_cocoas_thread = stack_of_this_thread();
+                  }),
+                  "v12@0:4@8");
+  objc_registerClassPair(type);
+  NSThread* thread = [[NSThread alloc] initWithTarget:[[type new] autorelease]
+                                             selector:sel_registerName("run:")
+                                               object:nil];
+  [thread start];
+  while (![thread isFinished]) usleep(1000);
+  EXPECT_EQ(stack_of_cocoas_thread, 1024u << 10);
+  [thread release];
+}
+#endif
+
 // Numbers
 
-TEST_F(Numbers, KeepTheCodeOfTheirConstructor) {
+TEST_F(Numbers, KeepTheTypesThatMacOSXKeeps) {
   struct {
     NSNumber* number;
     const char* code;
@@ -1176,33 +1240,52 @@ TEST_F(Numbers, KeepTheCodeOfTheirConstructor) {
       {[NSNumber numberWithBool:YES], "c"},
       {[NSNumber numberWithBool:NO], "c"},
       {[NSNumber numberWithChar:65], "c"},
-      {[NSNumber numberWithUnsignedChar:65], "C"},
+      {[NSNumber numberWithUnsignedChar:65], "s"},
       {[NSNumber numberWithShort:65], "s"},
-      {[NSNumber numberWithUnsignedShort:65], "S"},
+      {[NSNumber numberWithUnsignedShort:65], "i"},
       {[NSNumber numberWithInt:65], "i"},
       {[NSNumber numberWithInteger:65], "i"},
-      {[NSNumber numberWithUnsignedInt:65], "I"},
-      {[NSNumber numberWithUnsignedInteger:65], "I"},
+      {[NSNumber numberWithUnsignedInt:65], "q"},
+      {[NSNumber numberWithUnsignedInteger:65], "q"},
       {[NSNumber numberWithLong:65], "l"},
-      {[NSNumber numberWithUnsignedLong:65], "L"},
+      {[NSNumber numberWithUnsignedLong:65], "q"},
       {[NSNumber numberWithLongLong:65], "q"},
-      {[NSNumber numberWithUnsignedLongLong:65], "Q"},
+      {[NSNumber numberWithUnsignedLongLong:65], "q"},
+      {[NSNumber numberWithUnsignedLongLong:LLONG_MAX], "q"},
+      {[NSNumber numberWithUnsignedLongLong:LLONG_MAX + 1ull], "Q"},
       {[NSNumber numberWithFloat:65], "f"},
       {[NSNumber numberWithDouble:65], "d"},
       {[[[NSNumber alloc] initWithBool:YES] autorelease], "c"},
       {[[[NSNumber alloc] initWithChar:65] autorelease], "c"},
-      {[[[NSNumber alloc] initWithUnsignedChar:65] autorelease], "C"},
+      {[[[NSNumber alloc] initWithUnsignedChar:65] autorelease], "s"},
       {[[[NSNumber alloc] initWithShort:65] autorelease], "s"},
-      {[[[NSNumber alloc] initWithUnsignedShort:65] autorelease], "S"},
+      {[[[NSNumber alloc] initWithUnsignedShort:65] autorelease], "i"},
       {[[[NSNumber alloc] initWithInt:65] autorelease], "i"},
-      {[[[NSNumber alloc] initWithUnsignedInt:65] autorelease], "I"},
+      {[[[NSNumber alloc] initWithUnsignedInt:65] autorelease], "q"},
       {[[[NSNumber alloc] initWithLong:65] autorelease], "l"},
-      {[[[NSNumber alloc] initWithUnsignedLong:65] autorelease], "L"},
+      {[[[NSNumber alloc] initWithUnsignedLong:65] autorelease], "q"},
       {[[[NSNumber alloc] initWithLongLong:65] autorelease], "q"},
-      {[[[NSNumber alloc] initWithUnsignedLongLong:65] autorelease], "Q"},
+      {[[[NSNumber alloc] initWithUnsignedLongLong:65] autorelease], "q"},
   };
   for (size_t n = 0; n < std::size(rows); ++n)
     EXPECT_STREQ([rows[n].number objCType], rows[n].code) << "row " << n;
+}
+
+TEST_F(Numbers, AreMadeWithAnyCode) {
+  for (char code : std::string("cCsSiIlLqQ")) {
+    NSNumber* number = numbers_coded(code, 65);
+    EXPECT_EQ([number objCType], std::string(1, code));
+    EXPECT_EQ([number unsignedLongLongValue], 65u);
+  }
+  EXPECT_EQ([numbers_coded('C', -1) intValue], 255);
+  EXPECT_EQ([numbers_coded('c', 200) intValue], -56);
+  EXPECT_EQ([numbers_coded('s', 0x18000) intValue], -32768);
+  EXPECT_EQ([numbers_coded('S', -1) intValue], 65535);
+  EXPECT_EQ([numbers_coded('I', -1) longLongValue], 0xFFFFFFFFll);
+  EXPECT_EQ([numbers_coded('L', -1) longLongValue], 0xFFFFFFFFll);
+  EXPECT_EQ([numbers_coded('l', 0xFFFFFFFFll) longLongValue], -1);
+  EXPECT_EQ([numbers_coded('Q', -1) doubleValue], 18446744073709551615.0);
+  EXPECT_DEATH(numbers_coded('f', 1), "numbers_coded: no code 'f'");
 }
 
 TEST_F(Numbers, KeepTheirValue) {
@@ -1379,10 +1462,18 @@ TEST_F(FolderOfFiles, ConvertsBetweenUrlAndReference) {
   [url release];
 }
 
+TEST_F(FolderOfFiles, TakesAUrlWithoutASchemeForAFile) {
+  FSRef item = ref(file("a b")), again = {};
+  EXPECT_TRUE(CFURLGetFSRef([NSURL URLWithString:ns((folder + "/a%20b").c_str())], &again));
+  EXPECT_EQ(memcmp(&item, &again, sizeof item), 0);
+  EXPECT_TRUE(CFURLGetFSRef([NSURL URLWithString:ns(("//localhost" + folder).c_str())], &again));
+}
+
 TEST_F(FolderOfFiles, HasNoReferenceForOtherUrls) {
   FSRef item;
   for (std::string bad :
-       {"http://h/tmp", "file://elsewhere/tmp", "file:///no/such/file", "file:///tmp%00x", "tmp"})
+       {"http://h/tmp", "file://elsewhere/tmp", "file:///no/such/file", "file:///tmp%00x", "tmp",
+        ".", "//elsewhere/tmp", "file://localhostile/tmp", "files:///tmp", "/no/such/file"})
     EXPECT_FALSE(CFURLGetFSRef([NSURL URLWithString:ns(bad.c_str())], &item)) << bad;
   FSRef gone = ref(file("a"));
   unlink((folder + "/a").c_str());
