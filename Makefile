@@ -6,7 +6,7 @@ BUILD    := build/$(PRESET)
 export GCONV_PATH := $(CURDIR)/build/sysroot/usr/lib/i386-linux-gnu/gconv
 
 .PHONY: help setup build demo test plugin mac-check torture fuzz soak coverage bench format check-format \
-        check-setup clean
+        check-setup release clean
 
 CYCLES  := 100000
 STRESS  := 60
@@ -36,6 +36,7 @@ help:
 #: make bench     the plug-in's cost beside the least it can cost, into bench/results.md
 #: make format    format the sources
 #: make check-setup  set up and run the demo as a newcomer without root, in a folder with a space
+#: make release   run all of CI's checks, then put the release of this commit together in dist/
 #: make clean     remove what was built, but keep the 32-bit system root
 
 setup:
@@ -84,6 +85,9 @@ check-format: setup
 
 format: setup
 	@tools/format
+
+release: setup
+	@tools/release
 
 check-setup: setup
 	@tools/check-setup
