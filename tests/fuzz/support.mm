@@ -26,12 +26,24 @@ extern "C" const char* __asan_default_options() {
   return "detect_leaks=0:allocator_may_return_null=1:quarantine_size_mb=32";
 }
 
-// The plug-in makes its Cocoa classes anew when its globals are put back. It gets the same ones
-// again: the runtime knows no other of these names, and their functions are still where they were.
+static std::string pluginPath;
+
+// The plug-in makes its Cocoa classes anew when its globals are put back, and finds their names
+// free. It gets the same ones again: the runtime knows no other of these names, and their functions
+// are still where they were.
+static bool isPluginsOwn(const char* name) { return !strncmp(name, "MySU", 4); }
+extern "C" Class objc_getClass(const char* name) {
+  static auto* original = reinterpret_cast<Class (*)(const char*)>(dlsym(RTLD_NEXT, __func__));
+  // The runtime itself asks here, too, and needs the class.
+  Dl_info caller;
+  bool hidden = isPluginsOwn(name) && dladdr(__builtin_return_address(0), &caller) &&
+                pluginPath == caller.dli_fname;
+  return hidden ? Nil : original(name);
+}
 extern "C" Class objc_allocateClassPair(Class superclass, const char* name, size_t extraBytes) {
   static auto* original =
       reinterpret_cast<Class (*)(Class, const char*, size_t)>(dlsym(RTLD_NEXT, __func__));
-  if (!strncmp(name, "MySU", 4))
+  if (isPluginsOwn(name))
     if (Class made = objc_lookUpClass(name)) return made;
   return original(superclass, name, extraBytes);
 }
@@ -41,7 +53,6 @@ namespace fuzz {
 namespace {
 
 const companion_api* companion;
-std::string pluginPath;
 void (*counters)(char** start, char** stop);
 
 // ---- The plug-in's writable memory
