@@ -23,8 +23,8 @@ endif
 help:
 	@sed -n 's/^#: //p' Makefile
 
-#: make demo      run a whole update: HOST=2011.4  FEED=URL  CHECK=information  PLUGIN=macho
-#:                FRAMEWORK=1.6  COMPARATOR=reverse
+#: make demo      run a whole update: HOST=2011.4  FEED=URL  CHECK=information  PLUGIN=elf
+#:                FRAMEWORK=1.6  COMPARATOR=reverse  PICTURE=update.svg
 #: make test      run every test: SANITIZE=1 under the sanitizers, SLOWEST=10 names the slowest,
 #:                SHUFFLE=SEED  REPEAT=2  ISOLATE=exec (a new program for each)
 #: make plugin    build dist/SparkleKVZ.xojo_plugin, the file for the host's Plugins folder
@@ -49,7 +49,8 @@ demo: setup
 	@tools/build $(PRESET) demo
 	@$(BUILD)/bin/demo $(if $(HOST),--host=$(HOST)) $(if $(FEED),--feed='$(FEED)') \
 	  $(if $(CHECK),--check=$(CHECK)) $(if $(PLUGIN),--plugin=$(PLUGIN)) \
-	  $(if $(FRAMEWORK),--framework=$(FRAMEWORK)) $(if $(COMPARATOR),--comparator=$(COMPARATOR))
+	  $(if $(FRAMEWORK),--framework=$(FRAMEWORK)) $(if $(COMPARATOR),--comparator=$(COMPARATOR)) \
+	  $(if $(PICTURE),--picture='$(PICTURE)')
 
 test: build check-format
 	@SLOWEST="$(SLOWEST)" SHUFFLE="$(SHUFFLE)" REPEAT="$(REPEAT)" ISOLATE="$(ISOLATE)" tools/test $(PRESET)

@@ -1,6 +1,8 @@
 // The main job, as a person would see it: a program of the host's language updates itself through
 // the plug-in. Ends with status 0 only if that really happened, or if nothing newer was to be had.
 
+#include "arrows.h"
+#include "columns.h"
 #include "program.h"
 #include "road.h"
 #include "testbed/companion/companion.h"
@@ -9,9 +11,15 @@
 
 #import <Foundation/Foundation.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <random>
+#include <set>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -19,10 +27,10 @@ struct Options {
   std::string host = "2013.03";
   std::string feed;                  // empty: releases of the demo's own, on loopback
   std::string check = "update";      // or "information"
-  std::string plugin = "elf";        // or "macho"
+  std::string plugin = "macho";      // or "elf"
   std::string framework = "1.5b6";   // or "1.6", "workers"
   std::string comparator = "normal"; // or "reverse"
-  std::string road;                  // a file to write the road into
+  std::string road, picture;         // files to write the road into
 };
 
 struct OptionRow {
@@ -44,10 +52,11 @@ Options readOptions(int count, char** arguments) {
       {"--host=", &Options::host, hosts},
       {"--feed=", &Options::feed, {}},
       {"--check=", &Options::check, {"update", "information"}},
-      {"--plugin=", &Options::plugin, {"elf", "macho"}},
+      {"--plugin=", &Options::plugin, {"macho", "elf"}},
       {"--framework=", &Options::framework, {"1.5b6", "1.6", "workers"}},
       {"--comparator=", &Options::comparator, {"normal", "reverse"}},
       {"--road=", &Options::road, {}},
+      {"--picture=", &Options::picture, {}},
   };
   for (int i = 1; i < count; ++i) {
     const OptionRow* match = nullptr;
@@ -72,20 +81,39 @@ Options readOptions(int count, char** arguments) {
   return options;
 }
 
-// The companion's hundred and more wrapper classes are not what the road is about.
+const char* fileOf(const std::string& plugin) {
+  return plugin == "elf" ? "libSparkleKVZ.so" : "SparkleKVZ.dylib";
+}
+
 void loadPlugins(const std::string& kind) {
   companion_open(COMPANION_PATH);
   host::loadPlugin(COMPANION_PATH);
+  size_t companions = host::registrationOrder().size();
+  if (kind == "elf") {
+    host::loadPlugin(ELF_PLUGIN_PATH);
+  } else {
+    static auto bundle = loader::loadFile(MACHO_PLUGIN_PATH);
+    host::startPlugin(reinterpret_cast<void*>(bundle->entry<void()>()), fileOf(kind));
+  }
   road::listen();
-  road::line(road::Actor::program, "has loaded the companion plug-in, which registered " +
-                                       std::to_string(host::registrationOrder().size()) +
-                                       " classes");
-  if (kind == "elf") return host::loadPlugin(ELF_PLUGIN_PATH);
-  static auto bundle = loader::loadFile(MACHO_PLUGIN_PATH);
-  host::startPlugin(reinterpret_cast<void*>(bundle->entry<void()>()), "SparkleKVZ.dylib");
+  road::line(road::Actor::program,
+             std::string("loads ") + fileOf(kind) + ", which registers " +
+                 std::to_string(host::registrationOrder().size() - companions) +
+                 " classes and speaks version " + std::to_string(host::announcedVersion()) +
+                 " of the interface; before it, the companion plug-in with " +
+                 std::to_string(companions),
+             "start");
 }
 
 constexpr const char* installedVersion = "2.0";
+
+// Two megabytes that no archive makes smaller, so that there is something to download.
+std::string manual() {
+  std::mt19937 numbers;
+  std::string text(2 << 20, '\0');
+  for (char& byte : text) byte = static_cast<char>(numbers());
+  return text;
+}
 
 // One release above the installed version and one below it.
 std::string publishReleases(testbed::Server& server, const testbed::Application& installed,
@@ -93,6 +121,7 @@ std::string publishReleases(testbed::Server& server, const testbed::Application&
   std::vector<testbed::Item> items;
   for (const char* version : {"3.0", "1.0"}) {
     testbed::Application release = installed;
+    release.files["Contents/Resources/Manual.pdf"] = manual();
     release.version = version;
     release.short_version = std::string(version) + " for everybody";
     testbed::Item item = testbed::publish(server, release, keys);
@@ -112,27 +141,59 @@ void showRequests(const testbed::Server& server) {
       parameters += std::string(parameters.empty() ? "" : ", ") + key + " = \"" + value + "\"";
     }
     road::line(road::Actor::server, "answered a request for " + request.path +
-                                        (parameters.empty() ? "" : " with " + parameters) + " by " +
+                                        (parameters.empty() ? "" : " with " + parameters) +
+                                        (request.user_agent.empty() ? "" : ", asked by ") +
                                         request.user_agent);
   }
 }
 
 // Whether the host is as it was before: nothing alive, nothing pending.
 bool showHost() {
-  bool clean = true;
+  int lost = 0;
+  std::string which;
   for (const auto& [type, count] : host::ledger().alive) {
-    road::line(road::Actor::program, "has lost " + std::to_string(count) + " × " + type);
-    clean = false;
+    lost += count;
+    which += std::string(which.empty() ? ": " : ", ") + std::to_string(count) + " × " + type;
   }
-  for (const host::Raised& raised : host::takeExceptions()) {
-    road::line(road::Actor::program,
-               "has a pending " + raised.className + ": " + raised.message.value_or(""));
-    clean = false;
+  std::string pending;
+  for (const host::Raised& raised : host::takeExceptions())
+    pending += "; pending is a " + raised.className + ": " + raised.message.value_or("");
+  road::fact("references", "lost: " + std::to_string(lost) + which + pending);
+  return lost == 0 && pending.empty();
+}
+
+// Which of the updater's events came, and where; which did not.
+void showEvents() {
+  std::vector<std::pair<std::string, std::vector<std::string>>> byThread;
+  std::set<std::string> came;
+  std::vector<std::string> all =
+      host::registered("SUUpdaterKVZ")->declarations(host::Registered::events);
+  for (std::string& event : all) event = event.substr(0, event.find_first_of(" ("));
+  for (const road::Line& line : road::all()) {
+    if (!line.kind.starts_with("event ")) continue;
+    std::string event = line.kind.substr(strlen("event "));
+    if (std::ranges::find(all, event) == all.end()) continue; // of another class
+    auto thread = std::ranges::find(byThread, line.thread, [](auto& row) { return row.first; });
+    if (thread == byThread.end()) thread = byThread.insert(thread, {line.thread, {}});
+    std::vector<std::string>& here = thread->second;
+    if (std::ranges::find(here, event) == here.end()) here.push_back(event);
+    came.insert(event);
   }
-  if (clean) {
-    road::line(road::Actor::program, "has lost no object or string, and no exception is pending");
-  }
-  return clean;
+  auto listed = [](const auto& events) {
+    std::string text;
+    for (const std::string& event : events) text += (text.empty() ? "" : ", ") + event;
+    return text;
+  };
+  road::fact("events", std::to_string(came.size()) + " of " + std::to_string(all.size()) + " came");
+  for (const auto& [thread, events] : byThread) road::fact("  on " + thread, listed(events));
+  std::erase_if(all, [&](const std::string& event) { return came.contains(event); });
+  if (!all.empty()) road::fact("  not", listed(all));
+}
+
+std::string signature() {
+  for (const road::Line& line : road::all())
+    if (line.kind == "step signature") return "checked; the framework " + line.text;
+  return "not checked";
 }
 
 struct FailureStatus {
@@ -150,19 +211,86 @@ constexpr FailureStatus failureStatus[] = {
 int failed(const road::Failure& failure) {
   for (const FailureStatus& row : failureStatus) {
     if (failure.kind != row.kind) continue;
-    road::verdict(false, "The check failed: " + failure.reason + ".\n" + row.advice);
+    road::verdict(false, "The check failed: " + failure.reason);
+    road::hint(row.advice);
     return row.status;
   }
   road::verdict(false, "The check failed: " + failure.reason);
   return 1;
 }
 
+void say(const std::string& text) { printf("%s\n", columns::wrapped(text, 0).c_str()); }
+
+void introduceTheDemo(const Options& options, const std::string& feed) {
+  say(std::string("SparkleKVZ ") + SPARKLEKVZ_VERSION + ", " +
+      (options.plugin == "elf" ? "built for Linux" : "the bundle that ships") + " (" +
+      fileOf(options.plugin) + "), in the simulated host " + options.host + ".");
+  say("Host, Cocoa and update framework (as " + options.framework +
+      ") are this project's stand-ins for Linux; the plug-in is the product.");
+  say(std::string("Demo ") + installedVersion + " is installed; its feed is " + feed);
+  if (options.comparator == "reverse")
+    say("The program's comparison is reversed: to it, lower versions are newer.");
+  say("\nEach step has the thread on which it happens: main is the program's own, where it may do "
+      "what it likes; the others are the framework's.");
+  say("\nstep  thread     who        does what");
+}
+
+bool write(const std::string& file, const std::string& text) {
+  std::ofstream out(file, std::ios::binary);
+  out << text;
+  if (out.flush()) return true;
+  road::verdict(false, file + " cannot be written: " + strerror(errno));
+  return false;
+}
+
+// What has become of the application.
+struct Outcome {
+  std::string version; // that is installed
+  std::string started; // the version that was started, if any
+};
+
+Outcome outcome(const std::filesystem::path& bundle, const std::filesystem::path& marker) {
+  Outcome result{testbed::installed_version(bundle), {}};
+  int process = road::startedProcess();
+  if (!process) return result;
+  testbed::wait_for_file(marker);
+  waitpid(process, nullptr, 0);
+  std::string told = testbed::read_file(marker);
+  result.started = told.substr(0, told.find('\n'));
+  return result;
+}
+
+int judge(const Options& options, const Outcome& after, bool clean) {
+  road::Failure failure = road::failure();
+  if (!failure.kind.empty()) return failed(failure);
+  std::string offered = program::offeredVersion();
+  bool good = clean;
+  if (offered.empty()) {
+    road::verdict(good, "Nothing newer than " + std::string(installedVersion) + " in the feed.");
+  } else if (options.check == "information") {
+    road::verdict(good, "Version " + offered + " is available; nothing was installed.");
+  } else {
+    good = clean && after.version == offered && after.started == offered;
+    std::string why = options.comparator == "reverse" ? ", as the reversed comparison wanted" : "";
+    road::verdict(
+        good, "Version " + after.version + " is installed in place of " + installedVersion + why +
+                  (after.started.empty() ? ", but was not started."
+                                         : ", and version " + after.started + " was started."));
+  }
+  if (good)
+    road::hint("Try next: make demo FRAMEWORK=1.6, CHECK=information or HOST=2011.4; `make` lists "
+               "what there is.");
+  return good ? 0 : 1;
+}
+
 int run(const Options& options) {
+  auto began = std::chrono::steady_clock::now();
   testbed::Folder folder;
   setenv("HOME", folder.path().c_str(), 1);
   setenv("TMPDIR", folder.path().c_str(), 1);
   setenv("SPARKLE_DEFAULTS_DIR", folder.path().c_str(), 1);
   setenv("SPARKLE_VERSION", options.framework.c_str(), 1);
+  road::setHome(folder.path());
 
   testbed::KeyPair keys = testbed::make_key_pair();
   testbed::Application application;
@@ -173,24 +301,11 @@ int run(const Options& options) {
   testbed::Server server;
   std::string feed =
       options.feed.empty() ? publishReleases(server, application, keys) : options.feed;
-
-  printf("SparkleKVZ %s, %s, in the simulated host %s.\n"
-         "Host, Cocoa and update framework (as %s) are this project's stand-ins for Linux; the "
-         "plug-in is the product.\n"
-         "Demo %s is installed; its feed is %s\n",
-         SPARKLEKVZ_VERSION,
-         options.plugin == "elf" ? "built for Linux (libSparkleKVZ.so)"
-                                 : "the bundle that ships (SparkleKVZ.dylib, Mach-O)",
-         options.host.c_str(), options.framework.c_str(), installedVersion, feed.c_str());
-  if (options.comparator == "reverse")
-    printf("The program's comparison is reversed: to it, lower versions are newer.\n");
-  printf("\nstep  thread     who        does what\n");
+  introduceTheDemo(options, feed);
 
   road::heading("Start-up");
   host::start(options.host);
   loadPlugins(options.plugin);
-  road::line(road::Actor::plugin,
-             "speaks version " + std::to_string(host::announcedVersion()) + " of the interface");
   program::declareClasses({.lookOnly = options.check == "information",
                            .lowerIsNewer = options.comparator == "reverse",
                            .relaunchPath = bundle});
@@ -210,46 +325,49 @@ int run(const Options& options) {
     host::call(updater, "InvokeUpdate");
   }
 
-  road::heading("Afterwards");
+  road::heading(road::lastStage);
   if (options.feed.empty()) showRequests(server);
   // A real program keeps its updater to its end, which has come here.
   updater.reset();
   program::letGo();
+
+  road::heading("Summary");
+  showEvents();
+  road::fact("signature", signature());
+  Outcome after = outcome(bundle, folder / "started");
+  road::fact("installed", after.version + (after.version == installedVersion ? ", as before" : "") +
+                              (after.started.empty() ? "" : ", and started"));
   bool clean = showHost();
+  std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - began;
+  char text[20];
+  snprintf(text, sizeof text, "%.1f", seconds.count());
+  road::fact("seconds", text);
+
   if (!options.road.empty() && !road::write(options.road)) {
     road::verdict(false, "The road cannot be written to " + options.road + ".");
     return 1;
   }
-
-  road::Failure failure = road::failure();
-  if (!failure.kind.empty()) return failed(failure);
-  std::string offered = program::offeredVersion();
-  if (offered.empty()) {
-    road::verdict(clean, "Nothing newer than " + std::string(installedVersion) + " in the feed.");
-    return clean ? 0 : 1;
-  }
-  if (options.check == "information") {
-    road::verdict(clean, "Version " + offered + " is available; nothing was installed.");
-    return clean ? 0 : 1;
-  }
-  std::string now = testbed::installed_version(bundle);
-  bool started = testbed::wait_for_file(folder / "started");
-  if (int process = road::startedProcess()) waitpid(process, nullptr, 0);
-  std::string by = testbed::read_file(folder / "started");
-  bool good = clean && now == offered && started && by.substr(0, by.find('\n')) == offered;
-  std::string why = options.comparator == "reverse" ? ", as the reversed comparison wanted" : "";
-  road::verdict(good,
-                "Version " + now + " is installed in place of " + installedVersion + why +
-                    (started ? ", and version " + by.substr(0, by.find('\n')) + " was started."
-                             : ", but was not started."));
-  return good ? 0 : 1;
+  if (!options.picture.empty() &&
+      !write(options.picture, picture::draw("The road of an update", arrowsOf(road::all()))))
+    return 1;
+  return judge(options, after, clean);
 }
 
 } // namespace
 
 int main(int count, char** arguments) {
+  // Text conversions need the system root's own tables; glibc looks for them once.
+  if (!getenv("GCONV_PATH")) {
+    setenv("GCONV_PATH", GCONV_FOLDER, 1);
+    execv("/proc/self/exe", arguments);
+  }
   NSAutoreleasePool* pool = [NSAutoreleasePool new];
-  int status = run(readOptions(count, arguments));
+  int status = 1;
+  try {
+    status = run(readOptions(count, arguments));
+  } catch (const std::exception& error) {
+    fprintf(stderr, "demo: %s\n", error.what());
+  }
   [pool drain];
   return status;
 }

@@ -23,6 +23,8 @@ std::string shortened(const std::string& text) {
   return text.size() <= widestValue ? text : text.substr(0, widestValue) + "…";
 }
 
+std::string nameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
 void say(const std::string& text) { road::line(road::Actor::program, text); }
 
 std::string textOf(const host::Object& object, const char* member) {
@@ -120,7 +122,7 @@ const host::Handlers updaterEvents = {
 
 void declareClasses(const Choices& wanted) {
   choices = wanted;
-  host::subclass("DemoUpdater", "SUUpdaterKVZ", updaterEvents);
+  host::subclass("DemoUpdater", "SUUpdaterKVZ", road::introducing(updaterEvents));
   host::subclass("DemoComparison", "SUVersionComparisonKVZ",
                  {{"compareVersion(VersionA as string, VersionB as string) as integer",
                    [](host::Event& event) {
@@ -129,21 +131,24 @@ void declareClasses(const Choices& wanted) {
 }
 
 host::Object makeUpdater(const std::string& framework, const std::string& bundle) {
-  bool loaded = host::callShared("SUUpdaterKVZ", "LoadFramework(path as folderitem) as boolean",
-                                 host::folderItem(framework))
-                    .as<bool>();
+  host::Object folder = host::folderItem(framework), application = host::folderItem(bundle);
+  road::introduce(folder, nameOf(framework));
+  road::introduce(application, nameOf(bundle));
+  bool loaded =
+      host::callShared("SUUpdaterKVZ", "LoadFramework(path as folderitem) as boolean", folder)
+          .as<bool>();
   if (!loaded) {
     road::verdict(false, "The framework in " + framework + " cannot be loaded.");
     return nullptr;
   }
   comparison = host::construct("DemoComparison", "Constructor");
-  return host::construct("DemoUpdater", "Constructor(Bundle as folderitem)",
-                         host::folderItem(bundle));
+  return host::construct("DemoUpdater", "Constructor(Bundle as folderitem)", application);
 }
 
 void check(const host::Object& updater, const std::string& feed) {
   host::set(updater, "feedURL as string", feed);
-  host::call(updater, choices.lookOnly ? "checkForUpdateInformation" : "checkForUpdatesInBackground");
+  host::call(updater,
+             choices.lookOnly ? "checkForUpdateInformation" : "checkForUpdatesInBackground");
 }
 
 bool relaunchIsPostponed() { return postponed; }

@@ -3,6 +3,8 @@
 // pipe; written as a table it can be drawn or compared. Any thread.
 #pragma once
 
+#include "testbed/host/host.h"
+
 #include <string>
 #include <vector>
 
@@ -15,9 +17,11 @@ const char* nameOf(Actor actor);
 struct Line {
   Actor actor;
   std::string thread;
-  std::string kind; // "call MEMBER", "return MEMBER", "event NAME", "answer NAME", "step NAME" with
-                    // the window's title behind it, "heading"; empty for what only this demo says
+  std::string
+      kind; // "start", "call MEMBER", "return MEMBER", "event NAME", "answer NAME", "step NAME"
+            // with the window's title behind it, "heading"; empty for what only this demo says
   std::string text;
+  unsigned depth = 0; // 1 for what the program does inside of an event
 };
 
 // Begins to listen: to the host for everything that crosses between the program and the plug-in,
@@ -25,10 +29,20 @@ struct Line {
 void listen();
 
 void line(Actor actor, const std::string& text, const std::string& kind = "");
+// From now on the object's name in the host is followed by what it is; several may be the same.
+void introduce(const host::Object& object, const std::string& what);
+// The handlers, which then introduce every appcast and every release that comes or goes.
+host::Handlers introducing(const host::Handlers& handlers);
+// From now on this folder is shown as "~".
+void setHome(const std::string& folder);
+
+constexpr const char* lastStage = "Afterwards";
 // A heading between the stages of the demo.
 void heading(const std::string& text);
-// The last line, good or bad. Not part of the road.
+// One row of the summary, the last line, good or bad, and what to do next. Not part of the road.
+void fact(const std::string& name, const std::string& text);
 void verdict(bool good, const std::string& text);
+void hint(const std::string& text);
 
 std::vector<Line> all();
 // As a file: thread, actor, kind and text of each line, with tabs between them.

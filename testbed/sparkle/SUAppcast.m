@@ -168,9 +168,9 @@ static NSArray* newItems(NSData* data, NSString** reason) {
 
 - (void)failWith:(NSString*)failure because:(NSString*)reason {
   if (![delegate respondsToSelector:@selector(appcast:failedToLoadWithError:)]) return;
-  NSDictionary* info = [NSDictionary
-      dictionaryWithObjectsAndKeys:failure, SUFailureKey, reason,
-                                   NSLocalizedFailureReasonErrorKey, nil];
+  NSDictionary* info =
+      [NSDictionary dictionaryWithObjectsAndKeys:failure, SUFailureKey, reason,
+                                                 NSLocalizedFailureReasonErrorKey, nil];
   [delegate appcast:self
       failedToLoadWithError:[NSError errorWithDomain:@"SUSparkleErrorDomain"
                                                 code:1000

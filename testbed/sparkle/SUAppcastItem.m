@@ -14,8 +14,7 @@ static NSString* versionInName(NSString* url) {
   NSRange dot = [url rangeOfString:@"." options:NSBackwardsSearch];
   if (line.location == NSNotFound || dot.location == NSNotFound) return nil;
   if (dot.location <= NSMaxRange(line)) return nil;
-  return [url
-      substringWithRange:NSMakeRange(NSMaxRange(line), dot.location - NSMaxRange(line))];
+  return [url substringWithRange:NSMakeRange(NSMaxRange(line), dot.location - NSMaxRange(line))];
 }
 
 @implementation SUAppcastItem
@@ -34,8 +33,7 @@ static NSString* versionInName(NSString* url) {
     [self release];
     return nil;
   }
-  fileURL =
-      [urlFrom([url stringByAddingPercentEscapesUsingEncoding:NSUTF8StringEncoding]) retain];
+  fileURL = [urlFrom([url stringByAddingPercentEscapesUsingEncoding:NSUTF8StringEncoding]) retain];
   NSString *notes = [properties objectForKey:@"sparkle:releaseNotesLink"],
            *description = [self itemDescription];
   if (!notes && [description hasPrefix:@"http://"]) notes = description;

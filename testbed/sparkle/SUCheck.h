@@ -28,8 +28,8 @@ typedef enum {
   BOOL alerts;      // a person has seen something of it, and so sees a failure
   BOOL leaves;      // the application was told to quit: a check that never ends
   BOOL finished;
-  id comparator; // for the installation
-  NSString* what;   // of a failure, until it was told
+  id comparator;  // for the installation
+  NSString* what; // of a failure, until it was told
   NSString* reason;
   NSString* failure;
 }

@@ -164,15 +164,15 @@ static NSString* temporaryFolder(void) {
     if (reason) NSLog(@"Sparkle Error (continued): %@", reason);
   }
   [self end:SUStepFailed
-       more:[NSDictionary dictionaryWithObject:failure forKey:@"failure"]
-     detail:reason ? [NSString stringWithFormat:@"%@ (%@)", what, reason] : what];
+        more:[NSDictionary dictionaryWithObject:failure forKey:@"failure"]
+      detail:reason ? [NSString stringWithFormat:@"%@ (%@)", what, reason] : what];
 }
 
 // The feed.
 
 - (void)work {
-  thread = [(SUThisVersion()->worksOnThreads ? [NSThread currentThread] : [NSThread mainThread])
-      retain];
+  thread =
+      [(SUThisVersion()->worksOnThreads ? [NSThread currentThread] : [NSThread mainThread]) retain];
   SUPostStep(self, SUStepChecking, nil, @"%@", [host name]);
   if ([host isOnReadOnlyVolume])
     return [self failWith:SUFailureHost
@@ -212,10 +212,9 @@ static NSString* temporaryFolder(void) {
 
 - (BOOL)fits:(SUAppcastItem*)item {
   NSString* minimum = [item minimumSystemVersion];
-  return ![minimum length] ||
-         [[SUStandardVersionComparator defaultComparator] compareVersion:SUSystemVersion()
-                                                               toVersion:minimum] !=
-             NSOrderedAscending;
+  return ![minimum length] || [[SUStandardVersionComparator defaultComparator]
+                                  compareVersion:SUSystemVersion()
+                                       toVersion:minimum] != NSOrderedAscending;
 }
 
 - (SUAppcastItem*)bestItem {
@@ -235,8 +234,7 @@ static NSString* temporaryFolder(void) {
 - (BOOL)isNewer:(SUAppcastItem*)item {
   id<SUVersionComparison> order = [self comparator];
   SUPostStep(self, SUStepComparing, nil, @"%@ with %@", [host version], [item versionString]);
-  return
-      [order compareVersion:[host version] toVersion:[item versionString]] == NSOrderedAscending;
+  return [order compareVersion:[host version] toVersion:[item versionString]] == NSOrderedAscending;
 }
 
 - (BOOL)isSkipped:(SUAppcastItem*)item {
@@ -304,8 +302,8 @@ static NSString* temporaryFolder(void) {
                      what:@"The update cannot be downloaded."
                   because:[fetch problem]];
   SUPostStep(self, SUStepDownloaded, nil, @"%lu bytes", (unsigned long)[[fetch data] length]);
-  folder = [[NSString alloc] initWithFormat:@"%@/%@/.Sparkle/%@ %@", temporaryFolder(),
-                                            [host name], [host name], [update versionString]];
+  folder = [[NSString alloc] initWithFormat:@"%@/%@/.Sparkle/%@ %@", temporaryFolder(), [host name],
+                                            [host name], [update versionString]];
   NSFileManager* files = [NSFileManager defaultManager];
   [files removeItemAtPath:folder error:NULL];
   NSError* error = nil;
@@ -322,14 +320,13 @@ static NSString* temporaryFolder(void) {
 }
 
 - (BOOL)verify {
-  NSString* problem =
-      SUSignatureProblem([NSData dataWithContentsOfFile:[self archive]], [update DSASignature],
-                         [host publicKey]);
+  NSString* problem = SUSignatureProblem([NSData dataWithContentsOfFile:[self archive]],
+                                         [update DSASignature], [host publicKey]);
   if (problem)
-    [self failWith:SUFailureSignature
-              what:[NSString stringWithFormat:@"The update is not signed as it must be: %@.",
-                                              problem]
-           because:nil];
+    [self
+        failWith:SUFailureSignature
+            what:[NSString stringWithFormat:@"The update is not signed as it must be: %@.", problem]
+         because:nil];
   else
     SUPostStep(self, SUStepSignature, nil, @"valid");
   return !problem;
@@ -390,9 +387,9 @@ static NSString* temporaryFolder(void) {
 - (void)tellOfInstallation {
   [[self tell:@selector(updater:willInstallUpdate:)] updater:updater willInstallUpdate:update];
   // The tool is another program, which knows nothing of the delegate.
-  comparator = [(SUThisVersion()->installsWithATool
-                     ? [SUStandardVersionComparator defaultComparator]
-                     : (id)[self comparator]) retain];
+  comparator =
+      [(SUThisVersion()->installsWithATool ? [SUStandardVersionComparator defaultComparator]
+                                           : (id)[self comparator]) retain];
 }
 
 - (void)installAndRelaunch {
@@ -415,12 +412,11 @@ static NSString* temporaryFolder(void) {
     NSString* version = [SUBundleInfo(bundle) objectForKey:@"CFBundleVersion"];
     SUPostStep(self, SUStepComparing, nil, @"%@ with %@", before, version);
     if ([comparator compareVersion:before toVersion:version] == NSOrderedDescending)
-      problem = [NSString stringWithFormat:@"the archive holds %@, which is older than %@",
-                                           version, before];
+      problem = [NSString
+          stringWithFormat:@"the archive holds %@, which is older than %@", version, before];
   }
-  NSString* aside = [NSString stringWithFormat:@"%@ (%@).app",
-                                               [[host path] stringByDeletingPathExtension],
-                                               before];
+  NSString* aside = [NSString
+      stringWithFormat:@"%@ (%@).app", [[host path] stringByDeletingPathExtension], before];
   if (!problem) SUReplace([host path], bundle, aside, &problem);
   if (problem) {
     [self failWith:SUFailureInstall what:@"The update cannot be installed." because:problem];
@@ -441,8 +437,8 @@ static NSString* temporaryFolder(void) {
   if (!delegate) return NO;
   asked = YES;
   SEL continuation = @selector(relaunch);
-  NSInvocation* invocation = [NSInvocation
-      invocationWithMethodSignature:[self methodSignatureForSelector:continuation]];
+  NSInvocation* invocation =
+      [NSInvocation invocationWithMethodSignature:[self methodSignatureForSelector:continuation]];
   [invocation setTarget:self];
   [invocation setSelector:continuation];
   if (![delegate updater:updater shouldPostponeRelaunchForUpdate:update untilInvoking:invocation])

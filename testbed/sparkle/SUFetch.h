@@ -11,6 +11,7 @@
   SEL done;
   int redirections;
   NSMutableData* data;
+  unsigned long long expected;
   NSString* problem;
 }
 
@@ -21,7 +22,7 @@
 // The target hears nothing.
 - (void)cancel;
 
-- (NSData*)data;       // what arrived
+- (NSData*)data;      // what arrived
 - (NSString*)problem; // why not everything did, for people; nil: it did
 
 @end

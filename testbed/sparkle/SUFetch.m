@@ -129,10 +129,21 @@ static NSTimeInterval longestSilence(void) {
   return nil;
 }
 
+- (void)connection:(NSURLConnection*)aConnection didReceiveResponse:(NSURLResponse*)response {
+  if (aConnection == connection) expected = MAX([response expectedContentLength], 0);
+}
+
 - (void)connection:(NSURLConnection*)aConnection didReceiveData:(NSData*)bytes {
   if (![self isCurrent:aConnection]) return;
   [self alive];
   [data appendData:bytes];
+  NSDictionary* info = [NSDictionary
+      dictionaryWithObjectsAndKeys:[NSNumber numberWithUnsignedLongLong:[data length]], @"bytes",
+                                   [NSNumber numberWithUnsignedLongLong:expected], @"expected",
+                                   nil];
+  [[NSNotificationCenter defaultCenter] postNotificationName:SUUpdaterProgressNotification
+                                                      object:self
+                                                    userInfo:info];
 }
 
 - (void)connection:(NSURLConnection*)aConnection didFailWithError:(NSError*)error {

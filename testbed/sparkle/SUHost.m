@@ -109,7 +109,7 @@ NSString* SUBundleExecutable(NSString* path) {
 
 - (NSString*)userAgent {
   NSString* agent = [NSString
-      stringWithFormat:@"%@/%@ Sparkle/%s", [self name], [self version], SUThisVersion()->number];
+      stringWithFormat:@"%@/%@ Sparkle/%s", [self name], [self version], SUThisVersion() -> number];
   NSData* ascii = [agent dataUsingEncoding:NSASCIIStringEncoding allowLossyConversion:YES];
   return [[[NSString alloc] initWithData:ascii encoding:NSASCIIStringEncoding] autorelease];
 }
@@ -133,8 +133,8 @@ NSString* SUBundleExecutable(NSString* path) {
                          {@"ramMB", @"2048"}};
   NSMutableArray* parameters = [NSMutableArray array];
   for (size_t i = 0; i < sizeof rows / sizeof *rows; ++i)
-    [parameters addObject:[NSDictionary dictionaryWithObjectsAndKeys:rows[i][0], @"key",
-                                                                     rows[i][1], @"value", nil]];
+    [parameters addObject:[NSDictionary dictionaryWithObjectsAndKeys:rows[i][0], @"key", rows[i][1],
+                                                                     @"value", nil]];
   return parameters;
 }
 

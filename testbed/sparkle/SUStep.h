@@ -13,6 +13,10 @@
 
 static NSString* const SUUpdaterStepNotification = @"SUUpdaterStepNotification";
 
+// No step, but how far a request has come: "bytes" that are there (NSNumber), of "expected", which
+// is 0 where the server did not say.
+static NSString* const SUUpdaterProgressNotification = @"SUUpdaterProgressNotification";
+
 static NSString* const SUStepChecking = @"checking";       // a check begins
 static NSString* const SUStepIgnored = @"ignored";         // a check while one is in progress
 static NSString* const SUStepDelegate = @"delegate";       // about to call the delegate
@@ -39,13 +43,13 @@ static NSString* const SUStepFinished = @"finished";       // the end of a check
 static NSString* const SUStepFailed = @"failed";           // the end of a check that did not
 
 // The windows, by their titles, and their buttons. The first button is the default one.
-static NSString* const SUWindowChecking = @"Checking for updates…";           // Cancel
-static NSString* const SUWindowUpdate = @"A new version is available!";       // see below
-static NSString* const SUWindowDownloading = @"Downloading update…";          // Cancel
-static NSString* const SUWindowReady = @"Ready to Install";                   // Install and Relaunch
-static NSString* const SUWindowAutomatic = @"A new version is ready";         // see below
-static NSString* const SUWindowUpToDate = @"You're up to date!";              // OK
-static NSString* const SUWindowError = @"Update Error!";                      // Cancel Update
+static NSString* const SUWindowChecking = @"Checking for updates…";     // Cancel
+static NSString* const SUWindowUpdate = @"A new version is available!"; // see below
+static NSString* const SUWindowDownloading = @"Downloading update…";    // Cancel
+static NSString* const SUWindowReady = @"Ready to Install";             // Install and Relaunch
+static NSString* const SUWindowAutomatic = @"A new version is ready";   // see below
+static NSString* const SUWindowUpToDate = @"You're up to date!";        // OK
+static NSString* const SUWindowError = @"Update Error!";                // Cancel Update
 static NSString* const SUWindowPermission = @"Check for updates automatically?"; // see below
 
 static NSString* const SUButtonInstall = @"Install Update"; // SUWindowUpdate, with

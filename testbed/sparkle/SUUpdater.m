@@ -103,11 +103,10 @@ static NSTimeInterval pause(void) {
   if (SUThisVersion()->startsAtOnce)
     [self performSelector:@selector(startCycle) withObject:nil afterDelay:0];
   else
-    [[NSNotificationCenter defaultCenter]
-        addObserver:self
-           selector:@selector(applicationDidFinishLaunching:)
-               name:@"NSApplicationDidFinishLaunchingNotification"
-             object:nil];
+    [[NSNotificationCenter defaultCenter] addObserver:self
+                                             selector:@selector(applicationDidFinishLaunching:)
+                                                 name:@"NSApplicationDidFinishLaunchingNotification"
+                                               object:nil];
   return self;
 }
 
@@ -142,7 +141,8 @@ static NSTimeInterval pause(void) {
 - (NSURL*)feedURL {
   id text = [host objectForKey:kFeedURL];
   NSCharacterSet* quotes = [NSCharacterSet characterSetWithCharactersInString:@"\"'"];
-  text = [text isKindOfClass:[NSString class]] ? [text stringByTrimmingCharactersInSet:quotes] : nil;
+  text =
+      [text isKindOfClass:[NSString class]] ? [text stringByTrimmingCharactersInSet:quotes] : nil;
   if (![text length])
     [NSException raise:SUNoFeedURLException
                 format:@"You must specify the URL of the appcast as the %s in either the "
@@ -241,16 +241,12 @@ static BOOL isYes(id value) {
 
 - (void)checkForUpdatesInBackground {
   if (!SUThisVersion()->checksInBackgroundLater) return [self checkInBackground];
-  [NSThread detachNewThreadSelector:@selector(checkInBackgroundSoon)
-                           toTarget:self
-                         withObject:nil];
+  [NSThread detachNewThreadSelector:@selector(checkInBackgroundSoon) toTarget:self withObject:nil];
 }
 
 - (void)checkInBackgroundSoon {
   @autoreleasepool {
-    [self performSelectorOnMainThread:@selector(checkInBackground)
-                           withObject:nil
-                        waitUntilDone:NO];
+    [self performSelectorOnMainThread:@selector(checkInBackground) withObject:nil waitUntilDone:NO];
   }
 }
 
@@ -294,8 +290,8 @@ static BOOL isYes(id value) {
   BOOL hasQuery = [text rangeOfString:@"?"].location != NSNotFound;
   text = [NSString stringWithFormat:@"%@%@%@", text, hasQuery ? @"&" : @"?",
                                     [pairs componentsJoinedByString:@"&"]];
-  return [NSURL
-      URLWithString:[text stringByAddingPercentEscapesUsingEncoding:NSUTF8StringEncoding]];
+  return
+      [NSURL URLWithString:[text stringByAddingPercentEscapesUsingEncoding:NSUTF8StringEncoding]];
 }
 
 // The automatic cycle.

@@ -33,7 +33,8 @@ __attribute__((constructor)) static void choose(void) {
   for (size_t i = 0; i < sizeof versions / sizeof *versions; ++i)
     if (!strcmp(versions[i].name, wanted)) current = &versions[i];
   if (current) return;
-  fprintf(stderr, "Sparkle: SPARKLE_VERSION is \"%s\"; it must be 1.5b6, 1.6 or workers.\n", wanted);
+  fprintf(stderr, "Sparkle: SPARKLE_VERSION is \"%s\"; it must be 1.5b6, 1.6 or workers.\n",
+          wanted);
   abort();
 }
 

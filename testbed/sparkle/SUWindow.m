@@ -49,8 +49,8 @@
   if (!owner || ![buttons containsObject:button]) return;
   id told = [[owner retain] autorelease];
   owner = nil;
-  SUPostStep(told, SUStepAnswered, [NSDictionary dictionaryWithObject:title forKey:@"title"],
-             @"%@", button);
+  SUPostStep(told, SUStepAnswered, [NSDictionary dictionaryWithObject:title forKey:@"title"], @"%@",
+             button);
   [told performSelector:answered withObject:button];
 }
 

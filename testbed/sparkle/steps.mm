@@ -12,6 +12,7 @@ namespace {
 std::recursive_mutex mutex; // an answer leads to further steps
 std::vector<std::function<void(const steps::Step&)>> hooks;
 std::map<std::string, std::string> answers;
+std::function<void(double, double)> progressHook;
 
 std::string text(NSDictionary* info, NSString* key) {
   id value = [info objectForKey:key];
@@ -33,11 +34,26 @@ void press(SUWindow* window, bool asks) {
 @interface StepsObserver : NSObject
 @end
 
+@interface ProgressObserver : NSObject
+@end
+
+@implementation ProgressObserver
+- (void)progress:(NSNotification*)notification {
+  NSDictionary* info = [notification userInfo];
+  progressHook([[info objectForKey:@"bytes"] doubleValue],
+               [[info objectForKey:@"expected"] doubleValue]);
+}
+@end
+
 @implementation StepsObserver
 - (void)step:(NSNotification*)notification {
   NSDictionary* info = [notification userInfo];
-  steps::Step step{text(info, @"step"),  text(info, @"detail"),  text(info, @"thread"),
-                   text(info, @"title"), text(info, @"failure"), text(info, @"selector"),
+  steps::Step step{text(info, @"step"),
+                   text(info, @"detail"),
+                   text(info, @"thread"),
+                   text(info, @"title"),
+                   text(info, @"failure"),
+                   text(info, @"selector"),
                    [[info objectForKey:@"pid"] intValue]};
   {
     std::lock_guard lock(mutex);
@@ -66,6 +82,14 @@ void watch(std::function<void(const Step&)> hook) {
   std::lock_guard lock(mutex);
   observe();
   hooks.push_back(std::move(hook));
+}
+
+void watchProgress(std::function<void(double, double)> hook) {
+  progressHook = std::move(hook);
+  [[NSNotificationCenter defaultCenter] addObserver:[ProgressObserver new]
+                                           selector:@selector(progress:)
+                                               name:SUUpdaterProgressNotification
+                                             object:nil];
 }
 
 void answer(const std::string& title, const std::string& button) {
