@@ -35,15 +35,29 @@ inline const std::vector<const char*> refusal = {
 };
 
 inline const std::vector<Difference> differences = {
-    {"", "", "cannot append extension 'icns'", false, {},
+    {"",
+     "",
+     "cannot append extension 'icns'",
+     false,
+     {},
      "GNUstep's complaint about the picture of an alert; nothing is drawn here"},
     {"", "lifetimes", "exit 139", true, {theEnd}, "a segmentation fault"},
     {"", "two", "exit 139", true, {theEnd}, "a segmentation fault"},
-    {"1.6", "destroy-during", "Uncaught exception", true, {theEnd},
+    {"1.6",
+     "destroy-during",
+     "Uncaught exception",
+     true,
+     {theEnd},
      "an array stood where the updater had been"},
-    {"1.6", "destroy-didFindValidUpdate", "NSTimer ignoring exception", true, {theEnd},
+    {"1.6",
+     "destroy-didFindValidUpdate",
+     "NSTimer ignoring exception",
+     true,
+     {theEnd},
      "a string stood where the updater had been"},
-    {"1.6", "check-checkForUpdatesInBackground-automatic-profile", "# server: GET /appcast.xml",
+    {"1.6",
+     "check-checkForUpdatesInBackground-automatic-profile",
+     "# server: GET /appcast.xml",
      false,
      {"# server: GET /appcast.xml?edition=Pro%20&%20Team&name=%C3%A4+b%23c=d?e/f%25&count=7&flag=1"
       "&d=1.5&osVersion=10.6.8&cputype=7&cpu64bit=1&cpusubtype=4&model=MacBook5,1&ncpu=2&lang=en"

@@ -114,9 +114,8 @@ void Program::sign(const std::string& signature) {
 }
 
 void Program::declare() {
-  host::subclass(
-      "Comparison", "SUVersionComparisonKVZ",
-      {{"compareVersion(VersionA as string, VersionB as string) as integer", compare}});
+  host::subclass("Comparison", "SUVersionComparisonKVZ",
+                 {{"compareVersion(VersionA as string, VersionB as string) as integer", compare}});
   comparison = host::construct("Comparison", "Constructor");
   host::subclass("MyUpdater", "SUUpdaterKVZ", handlers(*this));
   host::subclass("PlainUpdater", "SUUpdaterKVZ");

@@ -40,10 +40,8 @@ void feedAnswers(Program& program, testbed::Answer answer) {
 }
 
 const std::map<std::string, Condition> conditions = {
-    {"none",
-     [](Program& program, Check&) {
-       program.release.feed(testbed::appcast_xml({program.release.older}));
-     }},
+    {"none", [](Program& program,
+                Check&) { program.release.feed(testbed::appcast_xml({program.release.older})); }},
     {"plain", [](Program&, Check& check) { check.className = "PlainUpdater"; }},
     {"main", [](Program&, Check& check) { check.mainBundle = true; }},
     {"automatic", [](Program&, Check& check) { check.automatic = true; }},
@@ -234,8 +232,7 @@ void twoAtATime(Program& program, const Words&) {
 
 void defaults(Program& program, const Words& words) {
   program.declare();
-  program.updater =
-      words.empty() ? program.make() : host::construct("MyUpdater", "Constructor");
+  program.updater = words.empty() ? program.make() : host::construct("MyUpdater", "Constructor");
   program.tellProperties();
 }
 
@@ -307,7 +304,8 @@ void appcast(Program& program, const Words& words) {
     found("UserAgentString " + textOf(appcast, "UserAgentString as string"));
   };
   tellAgent();
-  found("incrementalData " + host::print(host::getValue(appcast, "incrementalData as memoryblock")));
+  found("incrementalData " +
+        host::print(host::getValue(appcast, "incrementalData as memoryblock")));
   found("items " + std::to_string(host::upperBound(itemsOf(appcast))));
   host::set(appcast, "UserAgentString as string", "Exämple/2.0");
   tellAgent();
@@ -329,9 +327,8 @@ void appcast(Program& program, const Words& words) {
   found("items now " + std::to_string(host::upperBound(items) + 1));
   host::Object again = itemsOf(appcast);
   for (size_t i = 0; i < host::elements(items).size(); ++i)
-    found("same instance again: " +
-          yesOrNo(host::elements(items)[i].as<host::Object>() ==
-                  host::elements(again)[i].as<host::Object>()));
+    found("same instance again: " + yesOrNo(host::elements(items)[i].as<host::Object>() ==
+                                            host::elements(again)[i].as<host::Object>()));
   auto data = host::get<host::Object>(appcast, "incrementalData as memoryblock");
   std::string bytes = data ? host::memoryBlockBytes(data) : "";
   bool whole = bytes == testbed::appcast_xml({program.release.item, program.release.older});
@@ -350,8 +347,8 @@ void item(Program& program, const Words&) {
        {"title", "versionString", "displayVersionString", "itemDescription", "releaseNotesURL",
         "fileURL", "DSASignature", "minimumSystemVersion", "date", "propertiesDictionary"}) {
     bool isNil = host::getValue(item, name).isNil();
-    all += (all.size() > 1 ? "," : "") + ("\"" + std::string(name)) + "\":" +
-           (isNil ? "null" : "something");
+    all += (all.size() > 1 ? "," : "") + ("\"" + std::string(name)) +
+           "\":" + (isNil ? "null" : "something");
   }
   found(all + "}");
   program.tellExceptions();
@@ -367,11 +364,12 @@ void selectors(Program&, const Words&) {
       {"SUUpdater",
        false,
        {"feedURL", "setFeedURL:", "automaticallyChecksForUpdates",
-        "setAutomaticallyChecksForUpdates:", "sendsSystemProfile", "setSendsSystemProfile:",
-        "automaticallyDownloadsUpdates", "setAutomaticallyDownloadsUpdates:",
-        "checkForUpdatesInBackground", "checkForUpdateInformation", "resetUpdateCycle",
-        "updateInProgress", "updateCheckInterval", "setUpdateCheckInterval:",
-        "lastUpdateCheckDate", "checkForUpdates:", "hostBundle", "setDelegate:"}},
+        "setAutomaticallyChecksForUpdates:", "sendsSystemProfile",
+        "setSendsSystemProfile:", "automaticallyDownloadsUpdates",
+        "setAutomaticallyDownloadsUpdates:", "checkForUpdatesInBackground",
+        "checkForUpdateInformation", "resetUpdateCycle", "updateInProgress", "updateCheckInterval",
+        "setUpdateCheckInterval:", "lastUpdateCheckDate", "checkForUpdates:", "hostBundle",
+        "setDelegate:"}},
       {"SUAppcast",
        false,
        {"init", "valueForKey:", "setUserAgentString:", "fetchAppcastFromURL:", "items"}},
@@ -396,11 +394,20 @@ void selectors(Program&, const Words&) {
 }
 
 const std::map<std::string, void (*)(Program&, const Words&)> scenarios = {
-    {"appcast", appcast},     {"check", check},          {"defaults", defaults},
-    {"destroy", letGo},       {"item", item},            {"lifetimes", oneAfterAnother},
-    {"nofeed", checkWithoutFeed}, {"permission", permission}, {"reentrant", checkFromAHandler},
-    {"selectors", selectors}, {"setters", setters},      {"timer", checkByTimer},
-    {"twice", checkTwice},    {"two", twoAtATime},
+    {"appcast", appcast},
+    {"check", check},
+    {"defaults", defaults},
+    {"destroy", letGo},
+    {"item", item},
+    {"lifetimes", oneAfterAnother},
+    {"nofeed", checkWithoutFeed},
+    {"permission", permission},
+    {"reentrant", checkFromAHandler},
+    {"selectors", selectors},
+    {"setters", setters},
+    {"timer", checkByTimer},
+    {"twice", checkTwice},
+    {"two", twoAtATime},
 };
 
 } // namespace

@@ -15,10 +15,10 @@ void begin(const std::string& file);
 // This text of this run stands as NAME in every trace.
 void call(const std::string& text, const std::string& name);
 
-void line(const std::string& text);            // of this thread, at its depth
-void found(const std::string& text);           // "# …"
-std::string normal(std::string text);          // with what call() was told of
-void step(const host::Step& step);             // for host::trace
+void line(const std::string& text);                             // of this thread, at its depth
+void found(const std::string& text);                            // "# …"
+std::string normal(std::string text);                           // with what call() was told of
+void step(const host::Step& step);                              // for host::trace
 void step(const std::string& version, const steps::Step& step); // for steps::watch
 
 // While one of these lives, what the program does on this thread is not written.
