@@ -51,11 +51,11 @@ TEST_P(Cycle, GoesTheSameRoadWhenEveryCallbackComesFromAWorkerThread) {
 }
 
 TEST_P(Cycle, GoesTheRoadOfTheNextVersion) {
-  update("1.6", {"feedParametersForUpdater", "updaterShouldPromptForPermissionToCheckForUpdates",
-                 "didFinishLoadingAppcast", "bestValidUpdateInAppcast",
-                 "versionComparatorForUpdater", "compareVersion", "didFindValidUpdate",
-                 "shouldPostponeRelaunchForUpdate", "willInstallUpdate",
-                 "updaterWillRelaunchApplication", "pathToRelaunchForUpdater"});
+  update("1.6",
+         {"feedParametersForUpdater", "updaterShouldPromptForPermissionToCheckForUpdates",
+          "didFinishLoadingAppcast", "bestValidUpdateInAppcast", "versionComparatorForUpdater",
+          "compareVersion", "didFindValidUpdate", "shouldPostponeRelaunchForUpdate",
+          "willInstallUpdate", "updaterWillRelaunchApplication", "pathToRelaunchForUpdater"});
 }
 
 INSTANTIATE_TEST_SUITE_P(Hosts, Cycle, session::everyHost(), session::hostName);
@@ -90,7 +90,10 @@ static std::string utf16(const std::string& ascii) {
   std::string text = "\xFF\xFE";
   for (char letter : ascii) text += {letter, '\0'};
   size_t at = text.find(std::string("8\0\"", 3));
-  return text.replace(at - 2, 4, std::string("1\0" "6\0", 4));
+  return text.replace(at - 2, 4,
+                      std::string("1\0"
+                                  "6\0",
+                                  4));
 }
 
 static const Feed feeds[] = {
@@ -167,7 +170,8 @@ static const Feed feeds[] = {
      [](const Release&) {
        std::string items;
        for (int i = 0; i < 10000; ++i)
-         items += "<item><title>" + std::to_string(i) + "</title><enclosure url=\"a_9.zip\"/></item>";
+         items +=
+             "<item><title>" + std::to_string(i) + "</title><enclosure url=\"a_9.zip\"/></item>";
        return rss(items);
      },
      "", 10000},

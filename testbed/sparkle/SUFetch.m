@@ -47,7 +47,8 @@ static NSTimeInterval longestSilence(void) {
                             timeoutInterval:longestSilence()];
     [request setHTTPShouldHandleCookies:NO];
     if ([userAgent length]) [request setValue:userAgent forHTTPHeaderField:@"User-Agent"];
-    if ([[url scheme] length]) made = [[NSURLConnection alloc] initWithRequest:request delegate:self];
+    if ([[url scheme] length])
+      made = [[NSURLConnection alloc] initWithRequest:request delegate:self];
     if (!made) [self failWith:[NSString stringWithFormat:@"no request can be made for %@", url]];
   } @catch (NSException* exception) {
     [self failWith:[exception reason]];

@@ -40,10 +40,8 @@ TEST_F(Sparkle, FeedParametersAreNotEscapedWhereAURLMayHoldThem) {
     @{@"key" : @"a b", @"value" : @"1&2=3?/+", @"displayKey" : @"A", @"displayValue" : @"B"},
     @{@"key" : @"ü",
       @"value" : @(42)},
-    @{@"key" : @"nil",
-      @"value" : [NSNull null]},
-    @{@"key" : @"escaped",
-      @"value" : @"%26"},
+    @{@"key" : @"nil", @"value" : [NSNull null]},
+    @{@"key" : @"escaped", @"value" : @"%26"},
   ];
   EXPECT_EQ(check(kForInformation), "finished");
   EXPECT_EQ(server.requests("/appcast.xml").at(0).query,

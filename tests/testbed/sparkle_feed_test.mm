@@ -114,11 +114,11 @@ TEST_F(SparkleFeed, VersionComesFromTheURLWhenTheEnclosureHasNone) {
 }
 
 TEST_F(SparkleFeed, ItemsThatOfferNothingAreLeftOutAndLogged) {
-  const std::string feed = channel(
-      "<item><title>no enclosure</title></item>"
-      "<item><enclosure sparkle:version=\"1\"/></item>"
-      "<item><sparkle:version>3</sparkle:version><enclosure url=\"a.zip\"/></item>"
-      "<item><title>good</title><enclosure url=\"a.zip\" sparkle:version=\"1\"/></item>");
+  const std::string feed =
+      channel("<item><title>no enclosure</title></item>"
+              "<item><enclosure sparkle:version=\"1\"/></item>"
+              "<item><sparkle:version>3</sparkle:version><enclosure url=\"a.zip\"/></item>"
+              "<item><title>good</title><enclosure url=\"a.zip\" sparkle:version=\"1\"/></item>");
   testing::internal::CaptureStderr();
   NSArray* items = items_of(feed);
   const std::string log = testing::internal::GetCapturedStderr();
@@ -176,9 +176,8 @@ TEST_F(SparkleFeed, TheLanguageOfThePersonIsTaken) {
 
 TEST_F(SparkleFeed, OfSeveralEnclosuresTheOneInThePersonsLanguageIsTaken) {
   setenv("SPARKLE_LANGUAGES", "de", 1);
-  NSArray* items =
-      items_of(channel("<item><enclosure url=\"a_1.zip\"/><enclosure xml:lang=\"de\" "
-                       "url=\"b_2.zip\"/><enclosure url=\"c_3.zip\"/></item>"));
+  NSArray* items = items_of(channel("<item><enclosure url=\"a_1.zip\"/><enclosure xml:lang=\"de\" "
+                                    "url=\"b_2.zip\"/><enclosure url=\"c_3.zip\"/></item>"));
   ASSERT_EQ([items count], 1u);
   EXPECT_EQ(text([[items objectAtIndex:0] versionString]), "2");
 }
@@ -303,9 +302,9 @@ TEST_F(SparkleFeed, NamesAreComparedWithTheirPrefixAsWritten) {
   SUAppcastItem* item = [items objectAtIndex:0];
   EXPECT_EQ(text([item versionString]), "1");
   EXPECT_EQ([item releaseNotesURL], nil);
-  EXPECT_EQ(text([[[item propertiesDictionary] objectForKey:@"enclosure"]
-                objectForKey:@"other:version"]),
-            "7");
+  EXPECT_EQ(
+      text([[[item propertiesDictionary] objectForKey:@"enclosure"] objectForKey:@"other:version"]),
+      "7");
 }
 
 TEST_F(SparkleFeed, UTF16IsRead) {
@@ -314,8 +313,7 @@ TEST_F(SparkleFeed, UTF16IsRead) {
                                                                  withString:@"version=\"1.0\" "
                                                                             @"encoding=\"UTF-16\""];
   NSData* bytes = [declared dataUsingEncoding:NSUnicodeStringEncoding];
-  NSArray* items =
-      items_of(std::string(static_cast<const char*>([bytes bytes]), [bytes length]));
+  NSArray* items = items_of(std::string(static_cast<const char*>([bytes bytes]), [bytes length]));
   ASSERT_EQ([items count], 1u);
   EXPECT_EQ(text([[items objectAtIndex:0] title]), "Größe");
 }

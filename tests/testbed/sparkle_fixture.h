@@ -98,7 +98,7 @@ protected:
   bool told(const std::string& method) const { return recorder->journal.has(method); }
   std::string step(const std::string& name) const; // detail of the last step of that name
   std::string installed() const { return testbed::installed_version(bundle_path); }
-  void install_again(); // the application as it is now, with all that its members say
+  void install_again();       // the application as it is now, with all that its members say
   NSDictionary* kept() const; // the user defaults
 
   NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
