@@ -1,10 +1,9 @@
 // The plug-in's bundle out of the archive, mapped at several addresses, up to the registration of
-// its classes. Everything after that is tested through the host.
+// its classes, for which it makes its Cocoa classes. Everything after that is tested through the
+// host.
 #include "testbed/loader/loader.h"
 
-#include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 #include <fstream>
 #include <gmock/gmock.h>
 
@@ -13,17 +12,6 @@ using testing::ElementsAre;
 namespace {
 
 using Resolver = void* (*)(const char* name);
-
-// Registration calls nothing of Cocoa, so nothing of it is here.
-[[noreturn]] void unexpected() {
-  fprintf(stderr, "the plug-in called an import that registration does not need\n");
-  abort();
-}
-
-void* resolveImport(const char* name) {
-  void* found = dlsym(RTLD_DEFAULT, name);
-  return found ? found : reinterpret_cast<void*>(unexpected);
-}
 
 double version;
 std::vector<std::int32_t> announced;
@@ -55,7 +43,7 @@ protected:
     // The host never unloads a plug-in: it holds on to what was registered.
     static auto& loaded = *new std::vector<std::unique_ptr<loader::Bundle>>;
     address = GetParam() ? GetParam() + 0x100000 * loaded.size() : 0;
-    loaded.push_back(loader::loadFile(MACHO_PLUGIN, {resolveImport, address}));
+    loaded.push_back(loader::loadFile(MACHO_PLUGIN, {.address = address}));
     bundle = loaded.back().get();
     bundle->entry<void(Resolver)>()(resolveHostOperation);
   }
