@@ -65,11 +65,12 @@ void press(SUWindow* window, bool asks) {
 @end
 
 namespace {
+StepsObserver* observer; // which the center does not hold
+
 void observe() {
-  static bool observing = false;
-  if (observing) return;
-  observing = true;
-  [[NSNotificationCenter defaultCenter] addObserver:[StepsObserver new]
+  if (observer) return;
+  observer = [StepsObserver new];
+  [[NSNotificationCenter defaultCenter] addObserver:observer
                                            selector:@selector(step:)
                                                name:SUUpdaterStepNotification
                                              object:nil];

@@ -20,6 +20,8 @@ void found(const std::string& text);                            // "# …"
 std::string normal(std::string text);                           // with what call() was told of
 void step(const host::Step& step);                              // for host::trace
 void step(const std::string& version, const steps::Step& step); // for steps::watch
+// Whether the recordings of this version have this step.
+bool isRecorded(const std::string& version, const std::string& step, const std::string& title);
 
 // While one of these lives, what the program does on this thread is not written.
 struct Quietly {

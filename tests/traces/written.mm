@@ -128,13 +128,17 @@ void step(const host::Step& step) {
   }
 }
 
+bool isRecorded(const std::string& version, const std::string& step, const std::string& title) {
+  for (const Recorded& row : recorded)
+    if (step == [row.step UTF8String] && title == (row.title ? [row.title UTF8String] : "") &&
+        (!row.version || row.version == version))
+      return true;
+  return false;
+}
+
 void step(const std::string& version, const steps::Step& step) {
-  for (const Recorded& row : recorded) {
-    if (step.name != [row.step UTF8String]) continue;
-    if (step.title != (row.title ? [row.title UTF8String] : "")) continue;
-    if (row.version && row.version != version) continue;
+  if (isRecorded(version, step.name, step.title))
     line("step: " + step.name + ": " + (step.title.empty() ? "" : step.title + " ") + step.detail);
-  }
 }
 
 Quietly::Quietly() { ++quiet; }
