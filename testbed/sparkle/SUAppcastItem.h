@@ -25,9 +25,8 @@
 - (NSString*)displayVersionString; // sparkle:shortVersionString, else the version
 - (NSDate*)date;
 - (NSString*)itemDescription;
-- (NSURL*)
-    releaseNotesURL; // without sparkle:releaseNotesLink, a description with "http://" in front
-- (NSURL*)fileURL;   // percent-escaped; a relative one stays so
+- (NSURL*)releaseNotesURL; // without the link, a description that begins with http://
+- (NSURL*)fileURL;         // percent-escaped; a relative one stays so
 - (NSString*)DSASignature;
 - (NSString*)minimumSystemVersion;
 - (NSDictionary*)propertiesDictionary;

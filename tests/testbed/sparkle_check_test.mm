@@ -655,7 +655,20 @@ TEST_F(SparkleWorkers, CallTheDelegateFromThreadsOnly) {
   EXPECT_EQ(installed(), "2.0");
   EXPECT_EQ(recorder->onMainThread, 0);
   EXPECT_EQ(recorder->onOtherThreads, 11); // all but "not found", and the comparator twice
-  publish("2.0");
+}
+
+TEST_F(SparkleWorkers, RaiseInTheCallerWithoutAFeed) {
+  [updater setFeedURL:nil];
+  NSString* name = nil;
+  @try {
+    [updater checkForUpdates:nil];
+  } @catch (NSException* exception) {
+    name = [exception name];
+  }
+  EXPECT_EQ(text(name), "SUNoFeedURL");
+  EXPECT_TRUE([updater updateInProgress]);
+  run_what_is_due();
+  EXPECT_EQ(ends, 0);
 }
 
 TEST_F(SparkleWorkers, AreAnsweredFromTheMainThread) {

@@ -1,5 +1,5 @@
-// The demo goes the road that was recorded: the same events, windows and calls of the updater, in the
-// same order on the same threads. What its program reads on the way is its own.
+// The demo goes the road that was recorded: the same events, windows and calls of the updater, in
+// the same order on the same threads. What its program reads on the way is its own.
 
 #include "compare.h"
 #include "written.h"
@@ -24,7 +24,8 @@ std::string threadOf(const std::string& name) { return name == "main" ? "main " 
 // Up to where the program has continued the relaunch; what comes then is its own.
 Lines recordedRoad(const std::string& version) {
   Lines road;
-  std::string file = std::string(RECORDINGS "/") + version + "/check-checkForUpdatesInBackground.txt";
+  std::string file =
+      std::string(RECORDINGS "/") + version + "/check-checkForUpdatesInBackground.txt";
   for (const std::string& line : traces::linesOf(file)) {
     std::istringstream in(line);
     std::string thread, number, kind, name;
@@ -68,9 +69,9 @@ class Demo : public session::TestBase, public testing::WithParamInterface<const 
 
 TEST_P(Demo, GoesTheRecordedRoad) {
   const std::string version = GetParam(), file = session::folder() + "/road";
-  const std::string command = std::string(DEMO) + " --framework=" + version + " --plugin=" +
-                              getenv("SPARKLEKVZ_PLUGIN") + " --road='" + file + "' >'" +
-                              session::folder() + "/printed'";
+  const std::string command = std::string(DEMO) + " --framework=" + version +
+                              " --plugin=" + getenv("SPARKLEKVZ_PLUGIN") + " --road='" + file +
+                              "' >'" + session::folder() + "/printed'";
   ASSERT_EQ(std::system(command.c_str()), 0);
   EXPECT_EQ(roadOfTheDemo(version, file), recordedRoad(version));
 }
