@@ -1,4 +1,4 @@
-"""Every test that the README's table of promises names is a test that runs."""
+"""Every test that the README's table of promises names is a test that runs, and every number has its command."""
 
 import json
 import pathlib
@@ -24,6 +24,13 @@ def promised(text):
 
 def output(*command):
     return subprocess.run(command, capture_output=True, text=True, check=True).stdout
+
+
+def proven(text):
+    """The rows of the table of numbers."""
+    rows = [re.split(r" *\| *", line.strip().strip("|").strip()) for _, line in markdown.split(text)[0]
+            if line.startswith("| ")]
+    return [row for row in rows if len(row) == 4 and row[0] != "what"]
 
 
 def registered():
@@ -61,6 +68,18 @@ class Promises(unittest.TestCase):
         missing = [f"README.md:{number}: no test is called {name}"
                    for number, names in rows for name in names if not runs(name, tests)]
         self.assertEqual(missing, [], "\n" + "\n".join(missing))
+
+    def test_numbers_have_a_command_and_a_date(self):
+        rows = proven(markdown.read("README.md"))
+        self.assertGreater(len(rows), 5)
+        for what, number, command, date in rows:
+            self.assertRegex(number, r"^\d", what)
+            self.assertRegex(date, r"^\d{4}-\d\d-\d\d$", what)
+            self.assertRegex(command, r"^`make [\w-]+( [A-Z]+=\w+)*`$", what)
+            self.assertTrue(runs(" ".join(command.strip("`").split()[:2]), []), command)
+            help_of_make = markdown.read("Makefile")
+            for setting in re.findall(r"([A-Z]+)=", command):
+                self.assertRegex(help_of_make, rf"(?m)^#: .*\b{setting}=")
 
     def test_names_are_taken_whole(self):
         tests = ["elf.cycle_test.Hosts/Cycle.Finds/2013_0", "soak.cycles"]

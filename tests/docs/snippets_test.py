@@ -46,10 +46,9 @@ def snippets():
             marker = re.fullmatch(r"snippet: ([a-z-]+)", fence.marker or "")
             if not marker:
                 raise AssertionError(f"{where}: no <!-- snippet: name --> in the line before")
-            if marker[1] in found:
-                raise AssertionError(f"{where}: a second snippet {marker[1]}")
-            lines = [hostlanguage.code(line) for line in fence.lines]
-            found[marker[1]] = [line for line in lines if line]
+            lines = [line for line in map(hostlanguage.code, fence.lines) if line]
+            if found.setdefault(marker[1], lines) != lines:
+                raise AssertionError(f"{where}: another snippet {marker[1]}; a second one repeats the first")
     return found
 
 
