@@ -131,7 +131,7 @@ static NSTimeInterval longestSilence(void) {
 }
 
 - (void)connection:(NSURLConnection*)aConnection didReceiveResponse:(NSURLResponse*)response {
-  if (aConnection == connection) expected = MAX([response expectedContentLength], 0);
+  if ([self isCurrent:aConnection]) expected = MAX([response expectedContentLength], 0);
 }
 
 - (void)connection:(NSURLConnection*)aConnection didReceiveData:(NSData*)bytes {
