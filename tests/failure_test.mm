@@ -141,7 +141,7 @@ void PrintTo(const Member& member, std::ostream* out) { *out << nameOf(member); 
 host::Value url() { return "http://localhost/"; }
 host::Value yes() { return true; }
 host::Value hour() { return 3600.0; }
-host::Value root() { return host::folderItem("/"); }
+host::Value program() { return host::folderItem(session::program()); }
 host::Value framework() { return host::folderItem(session::frameworkPath()); }
 
 const char* const comparison = "SUVersionComparisonKVZ";
@@ -189,7 +189,7 @@ const Member members[] = {
     {updater, "lastUpdateCheckDate as date"},
     {updater, "checkForUpdates", Member::call},
     {updater, "Constructor", Member::call, "nil", nullptr, false},
-    {updater, "Constructor(Bundle as folderitem)", Member::call, "nil", root, false},
+    {updater, "Constructor(Bundle as folderitem)", Member::call, "nil", program, false},
     {updater, "hostBundle as folderitem"},
     {updater, "LoadFramework(path as folderitem) as boolean", Member::shared, "false", framework,
      false},
@@ -214,7 +214,10 @@ public:
     if (member.kind == Member::shared || member.kind == Member::create) return;
     instance_ = host::create(member.className);
     std::string_view declaration = member.declaration;
-    if (declaration.starts_with("Constructor")) return;
+    if (declaration.starts_with("Constructor")) {
+      if (objc_getClass("SUUpdater")) session::spareUpdater();
+      return;
+    }
     if (declaration == "InvokeUpdate") {
       host::call(instance_, "Constructor");
       id delegate = delegateOf(instance_);

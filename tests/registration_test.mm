@@ -565,6 +565,7 @@ TEST_P(EventLink, EachUpdaterEventReachesTheHandlerOfItsOwnDeclaration) {
     SCOPED_TRACE(declarations[i]);
     std::string name = "OnlyOne" + std::to_string(i);
     host::subclass(name, "SUUpdaterKVZ", {{declarations[i], silent(declarations[i])}});
+    session::spareUpdater();
     host::Object updater = host::construct(name, "Constructor");
     id delegate = [reinterpret_cast<id>(host::get<int32_t>(updater, "Handle")) delegate];
     ASSERT_TRUE(delegate);

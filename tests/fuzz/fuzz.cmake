@@ -29,9 +29,6 @@ file(CREATE_LINK A "${fuzzed}/Versions/Current" SYMBOLIC)
 file(CREATE_LINK Versions/Current/Resources "${fuzzed}/Resources" SYMBOLIC)
 file(CREATE_LINK Versions/Current/Sparkle "${fuzzed}/Sparkle" SYMBOLIC)
 
-# The program that is updated.
-set(program "${CMAKE_BINARY_DIR}/fuzz/Program.app")
-configure_file("${fuzz}/Info.plist.in" "${program}/Contents/Info.plist" COPYONLY)
 
 add_library(fuzz_support STATIC "${fuzz}/lines.mm" "${fuzz}/support.mm")
 target_include_directories(fuzz_support PUBLIC "${PROJECT_SOURCE_DIR}")
@@ -67,7 +64,7 @@ foreach(name strings values appcast registration)
   add_fuzzer(${name})
 endforeach()
 target_link_libraries(fuzz_appcast PRIVATE testbed_steps)
-target_compile_definitions(fuzz_appcast PRIVATE PROGRAM_BUNDLE="${program}")
+target_compile_definitions(fuzz_appcast PRIVATE PROGRAM_BUNDLE="${TEST_PROGRAM}")
 
 add_fuzzer_test(strings --every-host)
 add_fuzzer_test(values --every-host)

@@ -37,6 +37,12 @@ void* pluginEntry();
 std::string frameworkPath(const std::string& variant = "Sparkle");
 bool loadFramework(const std::string& variant = "Sparkle");
 
+// The bundle of the program that runs, as the framework sees it.
+std::string program();
+// An instance of the updater gives back a reference that it never took; for a test that makes one
+// after the other this brings one more for the program's own updater.
+void spareUpdater();
+
 // The lines that went to the system log since the session began or since the last call.
 std::vector<std::string> takeLog();
 

@@ -82,6 +82,12 @@ bool loadFramework(const std::string& variant) {
       .as<bool>();
 }
 
+std::string program() { return TEST_PROGRAM; }
+
+void spareUpdater() {
+  [[objc_getClass("SUUpdater") performSelector:@selector(sharedUpdater)] retain];
+}
+
 std::vector<std::string> takeLog() {
   std::lock_guard lock(logMutex);
   return std::exchange(logLines, {});
@@ -95,6 +101,7 @@ void TestBase::SetUp() {
   // Nothing of a test goes to the user's own defaults.
   setenv("HOME", folder().c_str(), 1);
   setenv("SPARKLE_DEFAULTS_DIR", folder().c_str(), 1);
+  setenv("SPARKLE_HOST_BUNDLE", program().c_str(), 1);
   _NSLog_printf_handler = collectLog;
 }
 
