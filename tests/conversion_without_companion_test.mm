@@ -323,12 +323,12 @@ TEST_P(WithoutCompanion, AHostDictionaryThatHoldsItselfGivesNothing) {
   host::clear(dictionary);
 }
 
-TEST_P(WithoutCompanion, ThousandLevelsCrossBothWays) {
+TEST_P(WithoutCompanion, FiveHundredLevelsCrossBothWays) {
   start();
   Feeder feeder;
   host::Object inHost = host::dictionary({{"k", "core"}});
   id cocoa = @"core";
-  for (int i = 1; i < 1000; ++i) {
+  for (int i = 1; i < 500; ++i) {
     inHost = host::dictionary({{"k", inHost}});
     cocoa = [NSDictionary dictionaryWithObject:cocoa forKey:@"k"];
   }

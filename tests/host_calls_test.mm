@@ -114,7 +114,7 @@ public:
     answers_->items = [NSArray arrayWithObject:@"first"];
     auto item = [&] { return host::get<host::Object>(appcast_, "items as SUAppcastItemKVZ()"); };
     host::Object array = item();
-    if (!array) return "no array";
+    if (!array) return "nil";
     std::vector<host::Value> elements = host::elements(array);
     if (elements.empty()) return "none";
     auto instance = elements[0].as<host::Object>();
