@@ -3,7 +3,9 @@
     demo_test.py DEMO [TEST...]
 """
 
+import os
 import pathlib
+import pty
 import re
 import subprocess
 import sys
@@ -19,6 +21,21 @@ COLUMNS = 100
 def demo(*options):
     done = subprocess.run([DEMO, *options], capture_output=True, text=True)
     return done.returncode, done.stdout, done.stderr
+
+
+def on_terminal(*options):
+    ours, its = pty.openpty()
+    program = subprocess.Popen([DEMO, *options], stdout=its, stderr=its)
+    os.close(its)
+    said = b""
+    while True:
+        try:
+            said += os.read(ours, 1 << 16)
+        except OSError:  # the terminal's other end is closed
+            break
+    os.close(ours)
+    program.wait()
+    return said.decode()
 
 
 class Output(unittest.TestCase):
@@ -62,6 +79,12 @@ class Output(unittest.TestCase):
     def test_other_ways(self):
         self.assertIn("nothing was installed.", self.well("--check=information"))
         self.assertIn("Version 1.0 is installed in place of 2.0, as the reversed", self.well("--comparator=reverse"))
+
+    def test_shows_the_download_grow_on_a_terminal_alone(self):
+        bar = re.compile(r"\d\.\d of 2\.1 MB  (█*)(░*)")
+        self.assertNotRegex(self.well(), bar)
+        lengths = {len(grown) for grown, _ in bar.findall(on_terminal())}
+        self.assertGreater(len(lengths), 1)
 
     def test_a_feed_that_is_not_there(self):
         status, said, _ = demo("--feed=http://127.0.0.1:1/appcast.xml")
