@@ -101,7 +101,7 @@ static NSTimeInterval pause(void) {
   if (!(self = [super init])) return nil;
   host = [[SUHost alloc] initWithBundle:bundle];
   if (SUThisVersion()->startsAtOnce)
-    [self performSelector:@selector(startCycle) withObject:nil afterDelay:0];
+    [self inTheNextTurn:@selector(startCycle) order:0];
   else
     [[NSNotificationCenter defaultCenter] addObserver:self
                                              selector:@selector(applicationDidFinishLaunching:)
@@ -118,6 +118,15 @@ static NSTimeInterval pause(void) {
   object_setClass(self, [SUReleasedUpdater class]);
   return;
   [super dealloc]; // never: see SUReleasedUpdater
+}
+
+// Of the main run loop; first what has the lower order.
+- (void)inTheNextTurn:(SEL)body order:(NSUInteger)order {
+  [[NSRunLoop mainRunLoop] performSelector:body
+                                    target:self
+                                  argument:nil
+                                     order:order
+                                     modes:[NSArray arrayWithObject:NSDefaultRunLoopMode]];
 }
 
 - (NSBundle*)hostBundle {
@@ -239,15 +248,13 @@ static BOOL isYes(id value) {
   [self check:[self automaticallyDownloadsUpdates] ? SUCheckAutomatic : SUCheckInBackground];
 }
 
+// The real 1.6 goes by way of another thread, which nobody can see: that thread's turn is the run
+// loop's next one here, so that whatever is checked meanwhile comes first each time.
 - (void)checkForUpdatesInBackground {
-  if (!SUThisVersion()->checksInBackgroundLater) return [self checkInBackground];
-  [NSThread detachNewThreadSelector:@selector(checkInBackgroundSoon) toTarget:self withObject:nil];
-}
-
-- (void)checkInBackgroundSoon {
-  @autoreleasepool {
-    [self performSelectorOnMainThread:@selector(checkInBackground) withObject:nil waitUntilDone:NO];
-  }
+  if (SUThisVersion()->checksInBackgroundLater)
+    [self inTheNextTurn:@selector(checkInBackground) order:1];
+  else
+    [self checkInBackground];
 }
 
 - (void)checkForUpdateInformation {

@@ -11,7 +11,7 @@ typedef struct {
   const char* feedKey;            // as the exception about a missing feed names it
   BOOL sparesAReference;          // the first request for an updater answers one more
   BOOL startsAtOnce;              // in the run loop's next turn, not when launching is announced
-  BOOL checksInBackgroundLater;   // from another thread, so that nothing is raised in the caller
+  BOOL checksInBackgroundLater;   // in the next turn, so that nothing is raised in the caller
   BOOL tellsNotFoundInBackground; // with automatic downloads off, too
   BOOL keepsIncrementalData;      // the key with the feed's bytes
   BOOL keepsALog;                 // of checks, and what becomes of them
