@@ -358,8 +358,9 @@ void arm(const Fault& fault) {
     break;
   case absentOperation:
     host::makeAbsent(fault.hit);
-    // A host that counts references offers both halves or neither.
-    if (fault.hit.starts_with("REALLock")) host::makeAbsent("REALUnlock" + fault.hit.substr(8));
+    // A host that counts references to objects offers both halves or neither. What it could not
+    // lock of its strings the plug-in does not unlock.
+    if (fault.hit == "REALLockObject") host::makeAbsent("REALUnlockObject");
     break;
   case failMessage:
     faults_fail_message(fault.n, FAULTS_NSEXCEPTION);
