@@ -4,6 +4,8 @@
 
 #include "support.h"
 
+#include "tests/support/plugin_objects.h"
+
 // One for the process, as the framework's own. Keeps the delegate without owning it.
 @interface FakeUpdater : NSObject {
   id delegate;
@@ -39,24 +41,6 @@
 @interface FakeItem : NSObject
 @end
 @implementation FakeItem
-@end
-
-// What the plug-in's own Cocoa objects understand.
-@protocol PluginObjects
-- (id)pathToRelaunchForUpdater:(id)updater;
-- (id)versionComparatorForUpdater:(id)updater;
-- (void)updaterWillRelaunchApplication:(id)updater;
-- (void)updaterDidNotFindUpdate:(id)updater;
-- (BOOL)updaterShouldPromptForPermissionToCheckForUpdates:(id)updater;
-- (void)updater:(id)updater didFindValidUpdate:(id)item;
-- (void)updater:(id)updater willInstallUpdate:(id)item;
-- (void)updater:(id)updater didFinishLoadingAppcast:(id)appcast;
-- (id)bestValidUpdateInAppcast:(id)appcast forUpdater:(id)updater;
-- (id)feedParametersForUpdater:(id)updater sendingSystemProfile:(BOOL)sending;
-- (BOOL)updater:(id)updater
-    shouldPostponeRelaunchForUpdate:(id)item
-                      untilInvoking:(NSInvocation*)invocation;
-- (int)compareVersion:(id)first toVersion:(id)second;
 @end
 
 namespace fuzz {

@@ -461,19 +461,19 @@ host::Handler silent(const std::string& declaration) {
 }
 
 // What the framework does in each event's turn, in the order of the updater's events.
-using Raise = void (*)(id<PluginObjects> delegate, id object);
+using Raise = void (*)(id<Delegate> delegate, id object);
 constexpr Raise raises[] = {
-    [](id<PluginObjects> d, id) { [d pathToRelaunchForUpdater:nil]; },
-    [](id<PluginObjects> d, id) { [d versionComparatorForUpdater:nil]; },
-    [](id<PluginObjects> d, id) { [d updaterWillRelaunchApplication:nil]; },
-    [](id<PluginObjects> d, id) { [d updaterDidNotFindUpdate:nil]; },
-    [](id<PluginObjects> d, id) { [d updaterShouldPromptForPermissionToCheckForUpdates:nil]; },
-    [](id<PluginObjects> d, id object) { [d updater:nil didFindValidUpdate:object]; },
-    [](id<PluginObjects> d, id object) { [d updater:nil willInstallUpdate:object]; },
-    [](id<PluginObjects> d, id object) { [d updater:nil didFinishLoadingAppcast:object]; },
-    [](id<PluginObjects> d, id object) { [d bestValidUpdateInAppcast:object forUpdater:nil]; },
-    [](id<PluginObjects> d, id) { [d feedParametersForUpdater:nil sendingSystemProfile:YES]; },
-    [](id<PluginObjects> d, id object) {
+    [](id<Delegate> d, id) { [d pathToRelaunchForUpdater:nil]; },
+    [](id<Delegate> d, id) { [d versionComparatorForUpdater:nil]; },
+    [](id<Delegate> d, id) { [d updaterWillRelaunchApplication:nil]; },
+    [](id<Delegate> d, id) { [d updaterDidNotFindUpdate:nil]; },
+    [](id<Delegate> d, id) { [d updaterShouldPromptForPermissionToCheckForUpdates:nil]; },
+    [](id<Delegate> d, id object) { [d updater:nil didFindValidUpdate:object]; },
+    [](id<Delegate> d, id object) { [d updater:nil willInstallUpdate:object]; },
+    [](id<Delegate> d, id object) { [d updater:nil didFinishLoadingAppcast:object]; },
+    [](id<Delegate> d, id object) { [d bestValidUpdateInAppcast:object forUpdater:nil]; },
+    [](id<Delegate> d, id) { [d feedParametersForUpdater:nil sendingSystemProfile:YES]; },
+    [](id<Delegate> d, id object) {
       [d updater:nil shouldPostponeRelaunchForUpdate:object untilInvoking:nil];
     },
 };
@@ -640,7 +640,7 @@ private:
     if (which == 0) {
       if (!object) return;
       raised = "compareVersion(";
-      guarded([&] { [static_cast<id<PluginObjects>>(object) compareVersion:@"1" toVersion:@"2"]; });
+      guarded([&] { [static_cast<id<Comparator>>(object) compareVersion:@"1" toVersion:@"2"]; });
     } else if (which == 2) {
       if (![object isKindOfClass:[FakeUpdater class]] || ![object delegate]) return;
       size_t place = input_.byte() % std::size(raises);

@@ -157,7 +157,7 @@ void intoCocoa(Member member, unsigned ways, std::string_view bytes, uint32_t en
     host::handle("Program", "pathToRelaunchForUpdater as string",
                  [text](host::Event&) { return host::Value(text); });
     host::Object updater = host::construct("Program", "Constructor");
-    received = [[static_cast<id<PluginObjects>>([fuzz::handleOf(updater) delegate])
+    received = [[static_cast<id<Delegate>>([fuzz::handleOf(updater) delegate])
         pathToRelaunchForUpdater:nil] retain];
   } else {
     Texts* texts = [[Texts new] autorelease];
@@ -214,8 +214,8 @@ void intoHost(Member member, unsigned ways, std::string_view bytes) {
                    return 7;
                  });
     host::Object comparison = host::construct("Comparison", "Constructor");
-    int order = [static_cast<id<PluginObjects>>(fuzz::handleOf(comparison)) compareVersion:string
-                                                                                 toVersion:string];
+    int order = [static_cast<id<Comparator>>(fuzz::handleOf(comparison)) compareVersion:string
+                                                                              toVersion:string];
     fuzz::require(asked == 1 && order == 7, "the program was not asked");
     return;
   }

@@ -11,55 +11,11 @@
 
 #include "testbed/cocoa/numbers.h"
 #include "testbed/cocoa/typeids.h"
+#include "tests/support/odd_objects.h"
 
 #include <cmath>
 
 using Line = std::optional<std::string>;
-
-// An item whose properties are whatever it is given; not retained.
-@interface PlayedItem : NSObject {
-@public
-  id properties;
-}
-@end
-@implementation PlayedItem
-- (id)propertiesDictionary {
-  return properties;
-}
-@end
-
-@interface OddDate : NSDate {
-@public
-  double seconds;
-}
-@end
-@implementation OddDate
-- (id)init {
-  return self;
-}
-- (NSTimeInterval)timeIntervalSinceReferenceDate {
-  return seconds;
-}
-@end
-
-// Throws when its elements are walked to the second.
-@interface BrittleArray : NSArray {
-@public
-  id first;
-  bool throwsOther;
-}
-@end
-@implementation BrittleArray
-- (NSUInteger)count {
-  return 2;
-}
-- (id)objectAtIndex:(NSUInteger)index {
-  if (index == 0) return first;
-  if (throwsOther) @throw [[NSObject new] autorelease];
-  [NSException raise:@"Brittle" format:@"no element %u", static_cast<unsigned>(index)];
-  return nil;
-}
-@end
 
 // A number of any type code.
 @interface CodedNumber : NSNumber {
@@ -109,7 +65,8 @@ struct Tree {
   bool mayRaise = false;
   bool tooDeep = false; // it answers nothing at all
   bool mayBeTooDeep = false;
-  std::vector<id> cycles; // mutable collections that hold themselves
+  bool hasNaN = false, hasAnyKeys = false; // of the host's
+  std::vector<id> cycles;                  // mutable collections that hold themselves
   std::vector<host::Object> hostCycles;
 };
 Tree* tree;
@@ -207,80 +164,68 @@ struct Made {
 };
 std::vector<Made> earlier;
 
+// A scalar as host and Cocoa print it.
+template <typename T> std::string printed(T value) {
+  if constexpr (std::is_floating_point_v<T>)
+    return real(value);
+  else
+    return std::to_string(value);
+}
+
+struct NumberRow;
+using NumberMaker = Made (*)(fuzz::Input& input, const NumberRow& row);
+struct NumberRow {
+  NumberMaker make;
+  SEL selector; // that makes it of a T; the codes that no message makes are given instead
+  char made;
+  const char* variant; // the operation that makes it a variant
+  const char* code;    // when it comes back
+};
+
+// Of a T, of which the host gets what fits into an Arrived.
+template <typename T, typename Arrived = T>
+Made numberOf(fuzz::Input& input, const NumberRow& row) {
+  auto value = input.number<T>();
+  auto arrived = static_cast<Arrived>(value);
+  id object;
+  if (row.selector)
+    object = reinterpret_cast<id (*)(id, SEL, T)>([NSNumber methodForSelector:row.selector])(
+        [NSNumber class], row.selector, value);
+  else
+    object = numbers_coded(row.made, static_cast<int64_t>(value));
+  std::string there = printed(arrived);
+  if constexpr (std::is_same_v<Arrived, bool>) there = arrived ? "true" : "false";
+  return {object, std::string(row.variant) + " " + there,
+          std::string(row.code) + " " + printed(arrived)};
+}
+
+Made numberOfAnyCode(fuzz::Input& input, const NumberRow&) {
+  CodedNumber* odd = [[CodedNumber new] autorelease];
+  std::string_view code = input.bytes(7);
+  memcpy(odd->code, code.data(), code.size());
+  tree->mayRaise = true; // what it cannot be asked for
+  return {odd, {}, {}};
+}
+
 Made number(fuzz::Input& input) {
-  auto line = [](NSNumber* object, const char* maker, auto value, const char* code) {
-    std::string text;
-    if constexpr (std::is_floating_point_v<decltype(value)>)
-      text = real(value);
-    else if constexpr (std::is_same_v<decltype(value), bool>)
-      return Made{object, std::string(maker) + (value ? " true" : " false"),
-                  std::string(code) + (value ? " 1" : " 0")};
-    else
-      text = std::to_string(value);
-    return Made{object, std::string(maker) + " " + text, std::string(code) + " " + text};
+  static const NumberRow rows[] = {
+      {numberOf<signed char, bool>, @selector(numberWithChar:), 0, "BooleanToVariant", "c"},
+      {numberOf<BOOL, bool>, @selector(numberWithBool:), 0, "BooleanToVariant", "c"},
+      {numberOf<uint8_t>, nullptr, 'C', "Int32ToVariant", "l"},
+      {numberOf<int16_t>, @selector(numberWithShort:), 0, "Int32ToVariant", "l"},
+      {numberOf<uint16_t>, nullptr, 'S', "Int32ToVariant", "l"},
+      {numberOf<int32_t>, @selector(numberWithInt:), 0, "Int32ToVariant", "l"},
+      {numberOf<uint32_t>, nullptr, 'I', "UInt32ToVariant", "q"},
+      {numberOf<int32_t>, @selector(numberWithLong:), 0, "Int32ToVariant", "l"},
+      {numberOf<uint32_t>, nullptr, 'L', "UInt32ToVariant", "q"},
+      {numberOf<int64_t>, @selector(numberWithLongLong:), 0, "Int64ToVariant", "q"},
+      {numberOf<uint64_t, uint32_t>, nullptr, 'Q', "UInt64ToVariant", "q"},
+      {numberOf<float>, @selector(numberWithFloat:), 0, "SingleToVariant", "f"},
+      {numberOf<double>, @selector(numberWithDouble:), 0, "DoubleToVariant", "d"},
+      {numberOfAnyCode, nullptr, 0, nullptr, nullptr},
   };
-  switch (input.below(14)) {
-  case 0: {
-    auto v = input.number<signed char>();
-    return line([NSNumber numberWithChar:v], "BooleanToVariant", v != 0, "c");
-  }
-  case 1: {
-    bool v = input.byte() & 1;
-    return line([NSNumber numberWithBool:v], "BooleanToVariant", v, "c");
-  }
-  case 2: {
-    int v = input.number<uint8_t>();
-    return line(numbers_coded('C', v), "Int32ToVariant", v, "l");
-  }
-  case 3: {
-    int v = input.number<int16_t>();
-    return line([NSNumber numberWithShort:v], "Int32ToVariant", v, "l");
-  }
-  case 4: {
-    int v = input.number<uint16_t>();
-    return line(numbers_coded('S', v), "Int32ToVariant", v, "l");
-  }
-  case 5: {
-    auto v = input.number<int32_t>();
-    return line([NSNumber numberWithInt:v], "Int32ToVariant", v, "l");
-  }
-  case 6: {
-    auto v = input.number<uint32_t>();
-    return line(numbers_coded('I', v), "UInt32ToVariant", v, "q");
-  }
-  case 7: {
-    auto v = input.number<int32_t>();
-    return line([NSNumber numberWithLong:v], "Int32ToVariant", v, "l");
-  }
-  case 8: {
-    auto v = input.number<uint32_t>();
-    return line(numbers_coded('L', v), "UInt32ToVariant", v, "q");
-  }
-  case 9: {
-    auto v = input.number<int64_t>();
-    return line([NSNumber numberWithLongLong:v], "Int64ToVariant", v, "q");
-  }
-  case 10: {
-    auto v = input.number<uint64_t>(); // of which 32 bits are carried
-    return line(numbers_coded('Q', static_cast<int64_t>(v)), "UInt64ToVariant", v & 0xFFFFFFFF,
-                "q");
-  }
-  case 11: {
-    auto v = input.number<float>();
-    return line([NSNumber numberWithFloat:v], "SingleToVariant", v, "f");
-  }
-  case 12: {
-    auto v = input.number<double>();
-    return line([NSNumber numberWithDouble:v], "DoubleToVariant", v, "d");
-  }
-  default: {
-    CodedNumber* odd = [[CodedNumber new] autorelease];
-    std::string_view code = input.bytes(7);
-    memcpy(odd->code, code.data(), code.size());
-    tree->mayRaise = true; // what it cannot be asked for
-    return {odd, {}, {}};
-  }
-  }
+  const NumberRow& row = rows[input.below(std::size(rows))];
+  return row.make(input, row);
 }
 
 Made text(fuzz::Input& input) {
@@ -458,7 +403,7 @@ Made cycle(fuzz::Input& input) {
 
 Made brittle(fuzz::Input& input, unsigned depth) {
   BrittleArray* array = [[BrittleArray new] autorelease];
-  array->throwsOther = input.byte() & 1;
+  if (input.byte() & 1) array->thrown = [[NSObject new] autorelease];
   array->first = make(input, depth + 1).object;
   tree->mayRaise = true;
   return {array, {}, {}};
@@ -547,92 +492,63 @@ HostMade hostText(fuzz::Input& input) {
   return {string, "text " + hex(*readable)};
 }
 
+// Of a T, which is a There in Cocoa.
+template <typename T, char code, typename There = T> HostMade scalarOf(fuzz::Input& input) {
+  auto value = input.number<T>();
+  if (value != value) tree->hasNaN = true;
+  return {value, std::string(1, code) + " " + printed(static_cast<There>(value))};
+}
+HostMade hostBoolean(fuzz::Input& input) {
+  bool value = input.byte() & 1;
+  return {value, value ? "c 1" : "c 0"};
+}
+HostMade lateDate(fuzz::Input& input) {
+  tree->mayRaise = true;
+  return {host::date({1950 + input.byte(), 1, 2, 3, 4, 5}), {}};
+}
+HostMade readableText(fuzz::Input& input) {
+  HostMade made = hostText(input);
+  if (!made.there) tree->mayRaise = true;
+  return made;
+}
+
 HostMade hostScalarValue(fuzz::Input& input) {
-  switch (input.below(7)) {
-  case 0: {
-    auto v = input.number<int32_t>();
-    return {v, "l " + std::to_string(v)};
-  }
-  case 1: {
-    auto v = input.number<uint32_t>();
-    return {v, "q " + std::to_string(v)};
-  }
-  case 2: {
-    auto v = input.number<int64_t>();
-    return {v, "q " + std::to_string(v)};
-  }
-  case 3: {
-    auto v = input.number<uint64_t>();
-    return {v, "q " + std::to_string(int64_t(v))};
-  }
-  case 4: {
-    auto v = input.number<float>();
-    return {v, "f " + real(v)};
-  }
-  case 5: {
-    auto v = input.number<double>();
-    return {v, "d " + real(v)};
-  }
-  default: {
-    bool v = input.byte() & 1;
-    return {v, v ? "c 1" : "c 0"};
-  }
-  }
+  constexpr HostMade (*all[])(fuzz::Input&) = {scalarOf<int32_t, 'l'>,
+                                               scalarOf<uint32_t, 'q'>,
+                                               scalarOf<int64_t, 'q'>,
+                                               scalarOf<uint64_t, 'q', int64_t>,
+                                               scalarOf<float, 'f'>,
+                                               scalarOf<double, 'd'>,
+                                               hostBoolean};
+  return all[input.below(std::size(all))](input);
 }
 
 HostMade hostArray(fuzz::Input& input, unsigned depth) {
+  constexpr struct {
+    int32_t code;
+    HostMade (*element)(fuzz::Input&); // null: any value
+  } known[] = {{2, scalarOf<int32_t, 'l'>},
+               {3, scalarOf<int64_t, 'q'>},
+               {4, scalarOf<float, 'f'>},
+               {5, scalarOf<double, 'd'>},
+               {7, lateDate},
+               {8, readableText},
+               {9, nullptr},
+               {11, hostBoolean}};
   std::vector<host::Value> elements;
   std::vector<Line> lines;
   unsigned count = input.below(6);
-  auto add = [&](host::Value value, Line line) {
-    elements.push_back(std::move(value));
-    lines.push_back(std::move(line));
-  };
   int32_t code = input.below(13);
-  for (unsigned i = 0; i < count; ++i) switch (code) {
-    case 2: {
-      auto v = input.number<int32_t>();
-      add(v, "l " + std::to_string(v));
-      break;
-    }
-    case 3: {
-      auto v = input.number<int64_t>();
-      add(v, "q " + std::to_string(v));
-      break;
-    }
-    case 4: {
-      auto v = input.number<float>();
-      add(v, "f " + real(v));
-      break;
-    }
-    case 5: {
-      auto v = input.number<double>();
-      add(v, "d " + real(v));
-      break;
-    }
-    case 7:
-      add(host::date({1950 + input.byte(), 1, 2, 3, 4, 5}), {});
-      tree->mayRaise = true;
-      break;
-    case 8: {
-      HostMade made = hostText(input);
-      if (!made.there) tree->mayRaise = true;
-      add(made.value, made.there);
-      break;
-    }
-    case 11: {
-      bool v = input.byte() & 1;
-      add(v, v ? "c 1" : "c 0");
-      break;
-    }
-    default: {
-      HostMade made = makeInHost(input, depth + 1);
-      add(code == 9 ? made.value : host::Value(host::variant(made.value)), made.there);
-    }
-    }
+  auto row = std::find_if(std::begin(known), std::end(known),
+                          [&](auto& each) { return each.code == code; });
+  bool isKnown = row != std::end(known);
+  for (unsigned i = 0; i < count; ++i) {
+    HostMade made = isKnown && row->element ? row->element(input) : makeInHost(input, depth + 1);
+    elements.push_back(isKnown ? made.value : host::Value(host::variant(made.value)));
+    lines.push_back(made.there);
+  }
   host::Object array = host::array(code, elements);
-  constexpr int32_t known[] = {2, 3, 4, 5, 7, 8, 9, 11};
-  Line line = std::count(std::begin(known), std::end(known), code) ? cocoaList(lines) : Line("nil");
+  Line line = isKnown ? cocoaList(lines) : Line("nil");
   if (input.byte() == 1) {
     host::setReportedBound(array, static_cast<int32_t>(input.byte()) - 2);
     tree->mayRaise = true;
@@ -650,6 +566,7 @@ host::Object hostDictionary(fuzz::Input& input, unsigned depth, Line& line) {
     std::string name = "k" + std::to_string(i);
     HostMade key{host::Value(name), "text " + hex(name)};
     if (anyKeys) {
+      tree->hasAnyKeys = true;
       key = makeInHost(input, depth + 1);
       if (key.there && *key.there == raising) tree->mayRaise = true;
       key.there = {};
@@ -714,11 +631,8 @@ HostMade makeInHost(fuzz::Input& input, unsigned depth) {
     return {nullptr, "nil"};
   case 1:
   case 2:
-  case 3: {
-    HostMade made = hostText(input);
-    if (!made.there) tree->mayRaise = true;
-    return made;
-  }
+  case 3:
+    return readableText(input);
   case 4:
   case 5:
     return hostScalarValue(input);
@@ -792,9 +706,9 @@ NSArray* feed(const std::vector<host::Value>& elements, bool& raised) {
   answered = array;
   int lines = fuzz::logLines();
   host::Object updater = host::construct("Program", "Constructor");
-  NSArray* answer = [static_cast<id<PluginObjects>>([fuzz::handleOf(updater) delegate])
-      feedParametersForUpdater:nil
-          sendingSystemProfile:NO];
+  NSArray* answer =
+      [static_cast<id<Delegate>>([fuzz::handleOf(updater) delegate]) feedParametersForUpdater:nil
+                                                                         sendingSystemProfile:NO];
   answered = nullptr;
   int references = host::referenceCount(array);
   raised = references == 2;
@@ -819,6 +733,9 @@ void compare(const Line& expected, const std::string& found, const char* where) 
 void checkFed(const std::vector<host::Value>& elements, const std::vector<Line>& lines) {
   bool raised = false;
   NSArray* answer = feed(elements, raised);
+  // A key is copied, and GNUstep's copy of a dictionary does not find the entry of a NaN: it
+  // raises, and loses what it had copied.
+  if (tree->hasNaN && tree->hasAnyKeys) fuzz::expectCocoaLosses();
   bool certain = !tree->mayRaise && !tree->tooDeep && !tree->mayBeTooDeep;
   Line expected = cocoaList(lines);
   if (!certain || !expected) return;
