@@ -101,7 +101,7 @@ void TestBase::SetUp() {
   // Nothing of a test goes to the user's own defaults.
   setenv("HOME", folder().c_str(), 1);
   setenv("SPARKLE_DEFAULTS_DIR", folder().c_str(), 1);
-  setenv("SPARKLE_HOST_BUNDLE", program().c_str(), 1);
+  setenv("SPARKLE_HOST_BUNDLE", program().c_str(), 0);
   _NSLog_printf_handler = collectLog;
 }
 
