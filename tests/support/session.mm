@@ -139,8 +139,12 @@ std::string hostName(const testing::TestParamInfo<std::string>& info) {
 
 } // namespace session
 
-// Neither library runs code of its own before its entry is called.
+// Neither library runs code of its own before its entry is called. GNUstep reads its own defaults
+// once, under a lock in the home folder, for which a test would wait and say so in the log.
 void runner::prepare() {
+  NSAutoreleasePool* pool = [NSAutoreleasePool new];
+  [NSUserDefaults standardUserDefaults];
+  [pool drain];
   session::pluginEntry();
   session::open(COMPANION_PATH);
 }
