@@ -8,8 +8,9 @@ the file SparkleKVZ.dylib beside this one. With --framework it also loads the up
 lets it read a feed from a web server of its own, on this machine; nothing is downloaded or
 installed. Nothing is left behind.
 
-Each line is one check: "ok NAME", or "FAIL NAME: expected THIS, got THAT". The exit status is 0
-when nothing failed. The last line is for the plug-in's maintainers.
+Each line is one check: "ok GROUP/HOST: NAME", or "FAIL GROUP/HOST: NAME: expected THIS, got THAT".
+--only GROUP/HOST runs that group with that host again. The exit status is 0 when nothing failed. The
+last line is for the plug-in's maintainers.
 
 How it works: this script is a host program in small. The plug-in asks its host for everything by
 name; the functions that answer are in the class Host below, and keep count of every reference.
@@ -1207,6 +1208,7 @@ def show(value):
 class Report(object):
     def __init__(self, about):
         self.about = about
+        self.failed = False
 
     def check(self, name, expected, got):
         if expected == got:
@@ -1223,6 +1225,7 @@ class Report(object):
         self.line("fact", "%s: %s" % (name, value))
 
     def line(self, kind, text):
+        self.failed = self.failed or kind == "FAIL"
         print("%-4s %s" % (kind, text))
         sys.stdout.flush()
 
@@ -2466,7 +2469,7 @@ def run_group(options):
     """One group with one host, in this process, which then ends."""
     name, host_name = options.only.split("/")
     checks = [checks for known, hosts, checks in groups if known == name][0]
-    report = Report("%s, %s" % (name, host_name))
+    report = Report(options.only)
     tempfile.tempdir = tempfile.mkdtemp()
     try:
         if HOSTS[host_name] is None:
@@ -2490,7 +2493,8 @@ def run_group(options):
         report.check("the host's own work", "no trouble", trouble)
     shutil.rmtree(tempfile.tempdir)
     report.line("end", name)
-    os._exit(0)  # nothing of Cocoa or of the plug-in is to run any more
+    # Nothing of Cocoa or of the plug-in is to run any more.
+    os._exit(1 if report.failed else 0)
 
 
 def run_child(options, folder, name, host_name):
@@ -2519,7 +2523,7 @@ def run_child(options, folder, name, host_name):
                          if known.startswith("SIG") and not known.startswith("SIG_"))
             got = "%s" % names.get(-status, "signal %d" % -status)
         last = lines[-1][1] if lines else "its start"
-        lines.append(("FAIL", '%s, %s: expected to come to its end, got %s after "%s"'
+        lines.append(("FAIL", '%s/%s: expected to come to its end, got %s after "%s"'
                       % (name, host_name, got, last)))
         print("%-4s %s" % lines[-1])
     return lines
@@ -2556,6 +2560,9 @@ def main():
     if options.only and options.only not in known:
         parser.error("there is no group %s. There are:\n  %s"
                      % (options.only, "\n  ".join(known)))
+    if (options.only or "").startswith("framework/") and not options.framework:
+        parser.error("%s needs the framework. Name it with --framework PATH/Sparkle.framework."
+                     % options.only)
     if options.only:
         run_group(options)
 

@@ -49,30 +49,47 @@ FAULTS = [  # the group and its host, a name in the bundle, what becomes of it, 
 
 
 class Faults(unittest.TestCase):
-    def lines(self, group, content):
+    def failures(self, content, *arguments):
+        """The lines that fail, and the exit status."""
         with tempfile.TemporaryDirectory() as folder:
             copy = pathlib.Path(folder) / "SparkleKVZ.dylib"
             copy.write_bytes(content)
-            done = run.check(copy, "--only", group, "--framework", run.FRAMEWORK)
-        return [line for line in done.stdout.splitlines() if line.startswith("FAIL")]
+            done = run.check(copy, *arguments)
+        failed = [line for line in done.stdout.splitlines() if line.startswith("FAIL")]
+        return failed, done.returncode
+
+    def failures_of_group(self, group, content):
+        return self.failures(content, "--only", group, "--framework", run.FRAMEWORK)
+
+    def with_fault(self, name, other):
+        before = BUNDLE.read_bytes()
+        self.assertLessEqual(len(other), len(name))
+        after = before.replace(b"\0" + name.encode() + b"\0",
+                               b"\0" + other.encode().ljust(len(name), b"\0") + b"\0")
+        self.assertNotEqual(before, after)
+        return after
 
     def test_each_makes_its_line_fail(self):
         for group, name, other, line in FAULTS:
             with self.subTest(group):
-                before = BUNDLE.read_bytes()
-                self.assertLessEqual(len(other), len(name))
-                after = before.replace(b"\0" + name.encode() + b"\0",
-                                       b"\0" + other.encode().ljust(len(name), b"\0") + b"\0")
-                self.assertNotEqual(before, after)
-                expected = f"FAIL {group.replace('/', ', ')}: {line}"
-                failed = self.lines(group, after)
+                expected = f"FAIL {group}: {line}"
+                failed, status = self.failures_of_group(group, self.with_fault(name, other))
                 self.assertTrue([got for got in failed if got.startswith(expected)],
                                 "\n".join([expected] + failed))
+                self.assertEqual(1, status)
 
     def test_none_fails_in_the_bundle_as_it_is(self):
         for group, *_ in FAULTS:
             with self.subTest(group):
-                self.assertEqual([], self.lines(group, BUNDLE.read_bytes()))
+                self.assertEqual(([], 0), self.failures_of_group(group, BUNDLE.read_bytes()))
+
+    def test_a_group_that_fails_has_come_to_its_end(self):
+        group, name, other, _ = FAULTS[0]  # after which nothing else is run
+        failed, status = self.failures(self.with_fault(name, other))
+        self.assertEqual([f"FAIL {group}"] * len(failed), [line.split(":")[0] for line in failed])
+        self.assertTrue(failed)
+        self.assertFalse([line for line in failed if "to come to its end" in line], failed)
+        self.assertEqual(1, status)
 
 
 if __name__ == "__main__":

@@ -10,7 +10,7 @@ done = run.check(sys.argv[1], "--framework", run.FRAMEWORK)
 print(done.stdout, done.stderr)
 ok, failed = map(int, re.search(r"^(\d+) ok, (\d+) FAIL$", done.stdout, re.M).groups())
 # A check that is not reached would not be missed by its own line.
-groups = set(re.findall(r"^ok   ([\w ]+), ", done.stdout, re.M))
+groups = set(re.findall(r"^ok   ([\w ]+)/", done.stdout, re.M))
 expected = {"loading", "records", "objects", "comparator", "text", "exceptions", "events",
             "values from Cocoa", "values to Cocoa", "members", "threads", "framework"}
 if failed or done.returncode or groups != expected or ok < 900:
@@ -23,5 +23,6 @@ for version in ("1.6", "workers"):
     os.environ["SPARKLE_VERSION"] = version
     done = run.check(sys.argv[1], "--framework", run.FRAMEWORK, "--only", "framework/host 2013.03")
     print(version, done.stdout)
-    if "FAIL" in done.stdout or not done.stdout.endswith("end  framework\n"):
+    if ("FAIL" in done.stdout or done.returncode or
+            not done.stdout.endswith("end  framework\n")):
         sys.exit(f"the framework's version {version} fails")
