@@ -9,8 +9,8 @@ lets it read a feed from a web server of its own, on this machine; nothing is do
 installed. Nothing is left behind.
 
 Each line is one check: "ok GROUP/HOST: NAME", or "FAIL GROUP/HOST: NAME: expected THIS, got THAT".
---only GROUP/HOST runs that group with that host again. The exit status is 0 when nothing failed. The
-last line is for the plug-in's maintainers.
+--only GROUP/HOST runs that group with that host again. The exit status is 0 when nothing failed.
+The last line is for the plug-in's maintainers.
 
 How it works: this script is a host program in small. The plug-in asks its host for everything by
 name; the functions that answer are in the class Host below, and keep count of every reference.
