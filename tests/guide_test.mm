@@ -65,10 +65,13 @@ TEST_P(Guide, AutomaticOnly) {
 }
 
 TEST_P(Guide, OwnUpdater) {
+  install({});
   ASSERT_TRUE(load());
   on("didFindValidUpdate", [&](host::Event&) {});
   // | mUpdater = new MyUpdater
   mUpdater = host::construct("MyUpdater", "Constructor");
+  // | mUpdater.feedURL = "http://www.example.com/appcast.xml"
+  host::set(mUpdater, "feedURL as string", site.feedURL());
   // | mUpdater.checkForUpdatesInBackground
   host::call(mUpdater, "checkForUpdatesInBackground");
   finish();
@@ -78,21 +81,22 @@ TEST_P(Guide, OwnUpdater) {
 
 TEST_P(Guide, OwnConstructor) {
   ASSERT_TRUE(load());
-  std::string mEdition;
+  mWantsBetas = true;
   auto newMyUpdater = [&] {
     host::Object self = host::create("MyUpdater");
     // | Sub Constructor()
     {
       // | Super.Constructor
       host::call(self, "Constructor");
-      // | mEdition = "Pro & Team"
-      mEdition = "Pro & Team";
+      // | mWantsBetas = false
+      mWantsBetas = false;
       // | End Sub
     }
     return self;
   };
   mUpdater = newMyUpdater();
   EXPECT_NE(host::get<int>(mUpdater, "Handle"), 0);
+  EXPECT_FALSE(mWantsBetas);
 }
 
 // ---- The eleven events ----
@@ -400,7 +404,6 @@ TEST_P(Guide, KeepComparator) {
 // ---- Relaunch later ----
 
 TEST_P(Guide, RelaunchNow) {
-  makeUpdater();
   mHasUnsavedDocuments = true;
   on("shouldPostponeRelaunchForUpdate", [&](host::Event&) {
     mRelaunchWaits = true;
@@ -413,16 +416,20 @@ TEST_P(Guide, RelaunchNow) {
       if (invoking) inside.push_back(event);
     });
   auto saved = [&] {
-    // | if mUpdater.mRelaunchWaits and not mUpdater.mHasUnsavedDocuments then
+    // | if App.mUpdater = nil then return
+    if (!mUpdater) return;
+    // | if App.mUpdater.mRelaunchWaits and not App.mUpdater.mHasUnsavedDocuments then
     if (mRelaunchWaits && !mHasUnsavedDocuments) {
-      // | mUpdater.mRelaunchWaits = false
+      // | App.mUpdater.mRelaunchWaits = false
       mRelaunchWaits = false;
       invoking = true;
-      // | mUpdater.InvokeUpdate
+      // | App.mUpdater.InvokeUpdate
       host::call(mUpdater, "InvokeUpdate");
       // | end if
     }
   };
+  saved();
+  makeUpdater();
   saved();
   host::call(mUpdater, "checkForUpdates");
   ASSERT_TRUE(host::runUntil([&] { return bool(mRelaunchWaits); }, 60));
@@ -440,19 +447,39 @@ TEST_P(Guide, RelaunchNow) {
 
 TEST_P(Guide, AutomaticChecksShow) {
   install({{"SUFeedURL", site.feedURL()}, {"SUEnableAutomaticChecks", "YES"}});
-  makeUpdater();
   bool meValue = false;
-  // | me.Value = App.mUpdater.automaticallyChecksForUpdates
-  meValue = host::get<bool>(mUpdater, "automaticallyChecksForUpdates as boolean");
+  auto open = [&] {
+    // | if App.mUpdater = nil then return
+    if (!mUpdater) return;
+    // | me.Value = App.mUpdater.automaticallyChecksForUpdates
+    meValue = host::get<bool>(mUpdater, "automaticallyChecksForUpdates as boolean");
+  };
+  open();
+  EXPECT_FALSE(meValue);
+  makeUpdater();
+  open();
   EXPECT_TRUE(meValue);
 }
 
 TEST_P(Guide, AutomaticChecksSet) {
+  bool meValue = false;
+  auto action = [&] {
+    // | if App.mUpdater = nil then return
+    if (!mUpdater) return;
+    // | if me.Value = App.mUpdater.automaticallyChecksForUpdates then return
+    if (meValue == host::get<bool>(mUpdater, "automaticallyChecksForUpdates as boolean")) return;
+    // | App.mUpdater.automaticallyChecksForUpdates = me.Value
+    host::set(mUpdater, "automaticallyChecksForUpdates as boolean", meValue);
+  };
+  action();
   makeUpdater();
   offer("2.0");
-  bool meValue = true;
-  // | App.mUpdater.automaticallyChecksForUpdates = me.Value
-  host::set(mUpdater, "automaticallyChecksForUpdates as boolean", meValue);
+  action(); // what is shown when nothing was decided yet decides nothing
+  install({{"SUFeedURL", site.feedURL()}, {"SUEnableAutomaticChecks", "YES"}});
+  EXPECT_TRUE(host::get<bool>(mUpdater, "automaticallyChecksForUpdates as boolean"));
+  install({{"SUFeedURL", site.feedURL()}});
+  meValue = true;
+  action();
   ASSERT_TRUE(host::runUntil(
       [&] { return !site.server.requests("/appcast.xml").empty() && !inProgress(); }, 60));
   // The choice is kept, and counts more than the Info.plist.
@@ -496,16 +523,24 @@ TEST_P(Guide, LastCheck) {
 }
 
 TEST_P(Guide, LookOnly) {
+  auto look = [&] {
+    // | if App.mUpdater = nil then return
+    if (!mUpdater) return;
+    // | if not App.mUpdater.updateInProgress then
+    if (!host::get<bool>(mUpdater, "updateInProgress as boolean")) {
+      // | App.mUpdater.mSomebodyWaits = true
+      mSomebodyWaits = true;
+      // | App.mUpdater.checkForUpdateInformation
+      host::call(mUpdater, "checkForUpdateInformation");
+      // | end if
+    }
+  };
+  look();
+  EXPECT_FALSE(mSomebodyWaits);
   makeUpdater();
   noteReports();
-  // | if not App.mUpdater.updateInProgress then
-  if (!host::get<bool>(mUpdater, "updateInProgress as boolean")) {
-    // | App.mUpdater.mSomebodyWaits = true
-    mSomebodyWaits = true;
-    // | App.mUpdater.checkForUpdateInformation
-    host::call(mUpdater, "checkForUpdateInformation");
-    // | end if
-  }
+  look();
+  EXPECT_TRUE(mSomebodyWaits);
   finish();
   EXPECT_THAT(raised(), ElementsAre("didFinishLoadingAppcast", "didFindValidUpdate"));
   EXPECT_EQ(site.installed(), "2.0");
@@ -516,9 +551,11 @@ TEST_P(Guide, LookFailed) {
   on("didFindValidUpdate", [&](host::Event&) { mSomebodyWaits = false; });
   on("updaterDidNotFindUpdate", [&](host::Event&) { mSomebodyWaits = false; });
   auto action = [&] {
-    // | if mUpdater.mSomebodyWaits and not mUpdater.updateInProgress then
+    // | if App.mUpdater = nil then return
+    if (!mUpdater) return;
+    // | if App.mUpdater.mSomebodyWaits and not App.mUpdater.updateInProgress then
     if (mSomebodyWaits && !host::get<bool>(mUpdater, "updateInProgress as boolean")) {
-      // | mUpdater.mSomebodyWaits = false
+      // | App.mUpdater.mSomebodyWaits = false
       mSomebodyWaits = false;
       // | MsgBox "The list of versions could not be fetched. Are you connected to the internet?"
       msgBox("The list of versions could not be fetched. Are you connected to the internet?");
@@ -538,11 +575,11 @@ TEST_P(Guide, LookFailed) {
 
 TEST_P(Guide, ReadFeed) {
   ASSERT_TRUE(load());
-  // | mHistory = new SUAppcastKVZ
+  // | App.mHistory = new SUAppcastKVZ
   mHistory = host::construct("SUAppcastKVZ", "Constructor");
-  // | mHistory.UserAgentString = "Example/2.0"
+  // | App.mHistory.UserAgentString = "Example/2.0"
   host::set(mHistory, "UserAgentString as string", "Example/2.0");
-  // | mHistory.fetchAppcastFromURL "http://www.example.com/appcast.xml"
+  // | App.mHistory.fetchAppcastFromURL "http://www.example.com/appcast.xml"
   host::call(mHistory, "fetchAppcastFromURL(url as string)", site.feedURL());
   ASSERT_TRUE(host::runUntil(
       [&] {
@@ -562,7 +599,7 @@ TEST_P(Guide, ReadFeedLater) {
   bool running = true;
   std::vector<std::string> historyWindowList;
   auto action = [&] {
-    // | dim releases() as SUAppcastItemKVZ = mHistory.items
+    // | dim releases() as SUAppcastItemKVZ = App.mHistory.items
     auto releases = host::get<host::Object>(mHistory, "items as SUAppcastItemKVZ()");
     // | if UBound(releases) < 0 then return
     if (host::upperBound(releases) < 0) return;
@@ -632,6 +669,26 @@ TEST_P(Guide, OtherBundle) {
   EXPECT_EQ(host::path(host::get<host::Object>(mUpdater, "hostBundle as folderitem")), bundle);
 }
 
+TEST_P(Guide, OwnConstructorForBundle) {
+  ASSERT_TRUE(load());
+  mWantsBetas = true;
+  auto newMyUpdater = [&](const host::Object& Bundle) {
+    host::Object self = host::create("MyUpdater");
+    // | Sub Constructor(Bundle as FolderItem)
+    {
+      // | Super.Constructor(Bundle)
+      host::call(self, "Constructor(Bundle as folderitem)", Bundle);
+      // | mWantsBetas = false
+      mWantsBetas = false;
+      // | End Sub
+    }
+    return self;
+  };
+  mUpdater = newMyUpdater(host::folderItem(site.bundle));
+  EXPECT_EQ(host::path(host::get<host::Object>(mUpdater, "hostBundle as folderitem")), site.bundle);
+  EXPECT_FALSE(mWantsBetas);
+}
+
 // ---- Common mistakes ----
 
 TEST_P(Guide, CatchExceptions) {
@@ -640,7 +697,7 @@ TEST_P(Guide, CatchExceptions) {
   session::takeLog();
   // | try
   {
-    // | mUpdater.checkForUpdates
+    // | App.mUpdater.checkForUpdates
     host::call(mUpdater, "checkForUpdates");
     // | catch error as NSExceptionKVZ
     if (auto error = host::takeException(); error && error->className == "NSExceptionKVZ") {

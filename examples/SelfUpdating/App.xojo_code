@@ -37,7 +37,8 @@ Inherits Application
 		  mTimer.Period = 1000
 		  mTimer.Mode = Timer.ModeMultiple
 
-		  // Automatic checks begin, if people have not switched them off. Needs SUFeedURL in the Info.plist.
+		  // Automatic checks begin, if they are on: by SUEnableAutomaticChecks in the Info.plist, or by
+		  // ChecksAutomatically. This asks nobody. Needs SUFeedURL in the Info.plist.
 		  if KnowsItsFeed then Updater.resetUpdateCycle
 		End Sub
 	#tag EndEvent
@@ -85,8 +86,10 @@ Inherits Application
 
 	#tag Method, Flags = &h0
 		Sub ChecksAutomatically(Assigns on As Boolean)
-		  // For a checkbox in the preferences. The framework remembers the answer.
+		  // For a checkbox in the preferences. The framework remembers the answer. A checkbox may also speak
+		  // when its window sets it to what is; that is no decision.
 		  if Updater = nil then return
+		  if on = Updater.automaticallyChecksForUpdates then return
 		  if on then Updater.updateCheckInterval = 24 * 60 * 60
 		  Updater.automaticallyChecksForUpdates = on
 		End Sub

@@ -26,10 +26,12 @@ Inherits UpdateQuestions
 		  Super.Constructor
 
 		  // The application's own folder. Its address is "file:///Applications/Example.app/", or on older
-		  // systems "file://localhost/Applications/...", with blanks and the like escaped.
+		  // systems "file://localhost/Applications/...", with blanks and the like escaped. What comes of it is
+		  // UTF-8, and says so only when it is told to.
 		  dim bundle as FolderItem = App.ExecutableFile.Parent.Parent.Parent
 		  dim address as String = Replace(bundle.URLPath, "file://localhost/", "file:///")
 		  mRelaunchPath = DecodeURLComponent(Replace(address, "file://", ""))
+		  mRelaunchPath = DefineEncoding(mRelaunchPath, Encodings.UTF8)
 		  if Right(mRelaunchPath, 1) = "/" then mRelaunchPath = Left(mRelaunchPath, Len(mRelaunchPath) - 1)
 		End Sub
 	#tag EndMethod

@@ -19,11 +19,13 @@ HOST = {
     "array": (None, {"append": None}),
     "boolean": (None, {}), "date": (None, {}), "double": (None, {}), "integer": (None, {}), "string": (None, {}),
     "dictionary": (None, {"value": "variant"}),
+    "encodings": (None, {"utf8": "textencoding"}),
     "folderitem": (None, {"parent": "folderitem", "child": "folderitem", "urlpath": "string"}),
     "memoryblock": (None, {}),
     "nsexceptionkvz": ("runtimeexception", {}),
     "runtimeexception": (None, {"message": "string"}),
     "system": (None, {"debuglog": None}),
+    "textencoding": (None, {}),
     "timer": (None, {"mode": "integer", "period": "integer", "modemultiple": "integer"}),
     "variant": (None, {}),
 }
@@ -31,8 +33,8 @@ HOST_EVENTS = {
     "application": ["CancelClose() As Boolean", "Close", "Open", "UnhandledException(error As RuntimeException) As Boolean"],
     "timer": ["Action"],
 }
-FUNCTIONS = {"decodeurlcomponent", "encodeurlcomponent", "instr", "left", "len", "max", "msgbox", "replace", "right",
-             "split", "ubound", "val"}
+FUNCTIONS = {"decodeurlcomponent", "defineencoding", "encodeurlcomponent", "instr", "left", "len", "max", "msgbox",
+             "replace", "right", "split", "ubound", "val"}
 
 
 class Program:
