@@ -45,7 +45,8 @@ const Rule* ruleFor(const std::string& kind) {
 std::string brief(std::string text) {
   static const std::pair<std::regex, const char*> changes[] = {
       {std::regex(R"(\w+#\d+ \(([^)]*)\))"), "$1"}, // what an object is says more than its name
-      {std::regex(R"(http://127\.0\.0\.1:\d+)"), ""},
+      {std::regex(R"(http://127\.0\.0\.1:\d+)"), "http://…"},
+      {std::regex("~/"), "/…/"},
       {std::regex(", is answered "), ": "},
       {std::regex("^raises the event "), "raises "},
       {std::regex("^(loads .* classes).*"), "$1"},

@@ -146,6 +146,7 @@ std::string draw(const std::string& title, const std::vector<Arrow>& arrows) {
     svg.add("  <text class=\"head\" x=\"%d\" y=\"36\">%s</text>", x, laneNames[lane]);
     svg.add("  <path class=\"lane\" d=\"M%d 46 V%d\"/>", x, bottom);
   }
+  svg.add("  <text x=\"%d\" y=\"36\">dashed: the answer</text>", textLeft);
 
   for (size_t row = 0; row < arrows.size(); ++row) {
     const Arrow& arrow = arrows[row];

@@ -95,9 +95,10 @@ TEST(Arrows, SayWhatIsTheSameInEveryRun) {
       textsOf({{Actor::program, "main", "call x", "calls x with SUAppcastItemKVZ#7 (release 3.0)"},
                {Actor::framework, "main", "step fetching", "fetches http://127.0.0.1:4711/a.xml"},
                {Actor::framework, "main", "step downloaded", "has downloaded 2100093 bytes"},
+               {Actor::program, "main", "answer x", "answers x with \"~/Demo.app\""},
                {Actor::framework, "main", "step relaunching", "relaunches: ~/Demo.app 4550"}}),
-      ElementsAre("calls x with release 3.0", "fetches /a.xml", "sends the archive",
-                  "has the new version started"));
+      ElementsAre("calls x with release 3.0", "fetches http://…/a.xml", "sends the archive",
+                  "answers x with \"/…/Demo.app\"", "has the new version started"));
 }
 
 TEST(Picture, HasOneArrowForEachStep) {
@@ -110,6 +111,7 @@ TEST(Picture, HasOneArrowForEachStep) {
   EXPECT_EQ(count(svg, "class=\"stroke back\""), 1u);
   EXPECT_EQ(count(svg, "<g class=\"t1\">"), 2u) << "the worker's step, and its part of the event";
   EXPECT_EQ(count(svg, ">main</text>"), 2u) << "a thread's name stands where it begins";
+  EXPECT_EQ(count(svg, ">dashed: the answer<"), 1u);
   EXPECT_THAT(svg, HasSubstr("<title id=\"title\">A title</title>"));
 }
 
