@@ -6,8 +6,7 @@ cmake_host_system_information(RESULT TEST_CORES QUERY NUMBER_OF_LOGICAL_CORES)
 add_library(test_runner STATIC
   "${PROJECT_SOURCE_DIR}/tests/runner/main.cpp" "${PROJECT_SOURCE_DIR}/tests/runner/runner.cpp")
 target_include_directories(test_runner PUBLIC "${PROJECT_SOURCE_DIR}/tests/runner")
-target_compile_definitions(test_runner PRIVATE
-  GCONV_FOLDER="${CMAKE_SYSROOT}/usr/lib/i386-linux-gnu/gconv" _FILE_OFFSET_BITS=64)
+target_compile_definitions(test_runner PRIVATE _FILE_OFFSET_BITS=64)
 target_link_libraries(test_runner PUBLIC gmock gtest PRIVATE warnings instrumentation)
 
 # add_test_program(NAME SOURCE...): what takes long in a test is not its own code, so that is not
@@ -15,7 +14,7 @@ target_link_libraries(test_runner PUBLIC gmock gtest PRIVATE warnings instrument
 function(add_test_program name)
   add_executable(${name} ${ARGN})
   target_compile_options(${name} PRIVATE -O0)
-  target_link_libraries(${name} PRIVATE test_runner)
+  target_link_libraries(${name} PRIVATE test_runner text_tables)
   # CMake knows the flags for run paths of C++, but not of Objective-C++.
   set_target_properties(${name} PROPERTIES LINKER_LANGUAGE CXX)
 endfunction()

@@ -260,6 +260,30 @@ Outcome outcome(const std::filesystem::path& bundle, const std::filesystem::path
   return result;
 }
 
+// Three of the other ways, none that was just gone.
+std::string others(const Options& options) {
+  const struct {
+    const char* setting;
+    bool gone;
+  } ways[] = {
+      {"FRAMEWORK=1.6", options.framework == "1.6"},
+      {"CHECK=information", options.check == "information"},
+      {"HOST=2011.4", options.host == "2011.4"},
+      {"COMPARATOR=reverse", options.comparator == "reverse"},
+      {"PLUGIN=elf", options.plugin == "elf"},
+      {"FRAMEWORK=workers", options.framework == "workers"},
+      {"HOST=2014.1", options.host == "2014.1"},
+  };
+  std::string text;
+  int count = 0;
+  for (const auto& way : ways) {
+    if (way.gone || count == 3) continue;
+    if (++count > 1) text += count == 3 ? " or " : ", ";
+    text += way.setting;
+  }
+  return text;
+}
+
 int judge(const Options& options, const Outcome& after, bool clean) {
   road::Failure failure = road::failure();
   if (!failure.kind.empty()) return failed(failure);
@@ -277,9 +301,7 @@ int judge(const Options& options, const Outcome& after, bool clean) {
                   (after.started.empty() ? ", but was not started."
                                          : ", and version " + after.started + " was started."));
   }
-  if (good)
-    road::hint("Try next: make demo FRAMEWORK=1.6, CHECK=information or HOST=2011.4; `make` lists "
-               "what there is.");
+  if (good) road::hint("Try next: make demo " + others(options) + "; `make` lists what there is.");
   return good ? 0 : 1;
 }
 
@@ -356,11 +378,6 @@ int run(const Options& options) {
 } // namespace
 
 int main(int count, char** arguments) {
-  // Text conversions need the system root's own tables; glibc looks for them once.
-  if (!getenv("GCONV_PATH")) {
-    setenv("GCONV_PATH", GCONV_FOLDER, 1);
-    execv("/proc/self/exe", arguments);
-  }
   NSAutoreleasePool* pool = [NSAutoreleasePool new];
   int status = 1;
   try {

@@ -361,23 +361,6 @@ int runAll() {
   return summary(started);
 }
 
-// Without the system root's own tables the text conversions of GNUstep fall back, with a warning,
-// when it is loaded: hence before the constructors of all libraries, sanitizers included.
-__attribute__((no_sanitize("address", "undefined"))) void setTextTables(int, char** arguments,
-                                                                        char** environment) {
-  static char setting[] = "GCONV_PATH=" GCONV_FOLDER;
-  static char* changed[4096] = {setting};
-  for (unsigned i = 0; environment[i]; ++i) {
-    unsigned same = 0;
-    while (environment[i][same] == setting[same] && setting[same] != '=') ++same;
-    if (setting[same] == environment[i][same] || i + 2 == std::size(changed)) return;
-    changed[i + 1] = environment[i];
-  }
-  execve("/proc/self/exe", arguments, changed);
-}
-__attribute__((section(".preinit_array"),
-               used)) void (*const beforeLibraries)(int, char**, char**) = setTextTables;
-
 } // namespace
 
 namespace runner {

@@ -30,11 +30,6 @@ unsigned long number(const char* argument, const char* text) {
 } // namespace
 
 int main(int count, char** arguments) {
-  // Text conversions need the system root's own tables; glibc looks for them once.
-  if (!getenv("GCONV_PATH")) {
-    setenv("GCONV_PATH", GCONV_FOLDER, 1);
-    execv("/proc/self/exe", arguments);
-  }
   soak::Options options;
   for (int i = 1; i < count; ++i) {
     const char* argument = arguments[i];

@@ -624,11 +624,6 @@ int runOne() {
 } // namespace
 
 int main(int count, char** arguments) {
-  // Text conversions need the system root's own tables; glibc looks for them once.
-  if (!getenv("GCONV_PATH")) {
-    setenv("GCONV_PATH", GCONV_FOLDER, 1);
-    execv("/proc/self/exe", arguments);
-  }
   options = readOptions(count, arguments);
   rlimit noCore{0, 0};
   setrlimit(RLIMIT_CORE, &noCore);
