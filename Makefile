@@ -76,6 +76,7 @@ bench: setup
 plugin: setup
 	@tools/build dev macho_plugin
 	@ls -l dist/SparkleKVZ.xojo_plugin
+	@echo "The bundle in it: $$(stat -c %s build/dev/macho/SparkleKVZ.dylib) bytes"
 
 mac-check: setup
 	@tools/build dev mac_check

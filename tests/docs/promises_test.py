@@ -81,6 +81,13 @@ class Promises(unittest.TestCase):
             for setting in re.findall(r"([A-Z]+)=", command):
                 self.assertRegex(help_of_make, rf"(?m)^#: .*\b{setting}=")
 
+    def test_the_size_of_the_bundle_is_below_its_bound_and_not_far(self):
+        (bound,) = [int(number.replace(",", "")) for _, number, command, _ in proven(markdown.read("README.md"))
+                    if command == "`make plugin`"]
+        size = (BUILD / "macho/SparkleKVZ.dylib").stat().st_size
+        self.assertLess(size, bound)
+        self.assertGreater(size, bound * 0.95)
+
     def test_names_are_taken_whole(self):
         tests = ["elf.cycle_test.Hosts/Cycle.Finds/2013_0", "soak.cycles"]
         for name in ["Cycle.Finds", "soak.cycles", "elf.", "make soak"]:
