@@ -81,7 +81,9 @@ inline constexpr auto& REALGetEventInstance    = operation<struct pGetEventInsta
 inline constexpr auto& REALGetClassRef         = operation<struct pGetClassRef, "pluginObjectType", void*(const char* className)>;
 inline constexpr auto& REALObjectIsA           = operation<struct pObjectIsA, "RuntimeObjectIsa", RBBoolean(REALobjectStruct*, void* classRef)>;
 
-// Strings.
+// Strings. "Original" in a name: as the host has it; the encoding, or a limit to the size, is the
+// caller's. One operation has two slots: hosts from 2012.0 on are asked for a CFString as
+// REALCopyStringCFString and, if that gives none, once more, on purpose, as older ones are asked.
 inline constexpr auto& REALLockString          = operation<struct pLockString, "REALLockString", void(REALstringStruct*)>;
 inline constexpr auto& REALUnlockString        = operation<struct pUnlockString, "REALUnlockString", void(REALstringStruct*)>;
 inline constexpr auto& originalREALBuildString = operation<struct pBuildString, "REALBuildString", REALstringStruct*(const char* bytes, int count)>; // new

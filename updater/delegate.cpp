@@ -139,7 +139,8 @@ id bestValidUpdate(id self, SEL, id appcast, id) {
 }
 
 // Whatever was converted before an exception is still answered. The element and the array held at
-// that moment are not given back: the host's handler may have answered what it must not.
+// that moment are not given back, on purpose: the handler may have answered an array with nil in
+// it, or with objects that are no dictionaries, and such an answer is left alone.
 id feedParameters(id self, SEL, id, BOOL sendingProfile) {
   id result = nullptr;
   logging([&] {
@@ -200,7 +201,8 @@ void dealloc(id self, SEL) {
 }
 
 // Callbacks that are claimed only while the host program implements their event, so that the
-// framework does as it would without us.
+// framework does as it would without us. The other two are always claimed: an invocation is kept
+// whether or not there is a handler, and no parameters are what the framework does without.
 struct Claim {
   SEL (*selector)();
   UpdaterEvent event;
@@ -229,7 +231,7 @@ BOOL respondsToSelector(id self, SEL, SEL selector) {
   return sendToNSObject<BOOL>(self, "respondsToSelector:"_sel, selector);
 }
 
-// "mail" for "main" is part of these selectors.
+// "mail" for "main" is part of these selectors, by which the class is known; so it stays.
 #define APPCAST_HALF "updater_didFinishLoadingAppcast_on_mail_thread:"
 #define INSTALL_HALF "updater_willInstallUpdate_on_mail_thread:"
 #define FOUND_HALF "updater_didFindValidUpdate_on_mail_thread:"
