@@ -98,7 +98,7 @@ class Tools(unittest.TestCase):
             self.assertIn("Run tools/setup", " ".join(said.split()))
             self.assertLess(len(said.splitlines()), 25)
 
-    def test_a_clone_that_has_moved_is_configured_anew(self):
+    def test_a_clone_is_configured_when_there_is_a_system_root_and_anew_when_it_has_moved(self):
         with tempfile.TemporaryDirectory() as folder:
             clone = pathlib.Path(folder) / "moved"
             (clone / "tools").mkdir(parents=True)
@@ -109,6 +109,10 @@ class Tools(unittest.TestCase):
                 '{"version": 5, "configurePresets": [{"name": "dev", "generator": "Ninja", '
                 '"binaryDir": "${sourceDir}/build/dev"}]}')
             build = [clone / "tools/build", "dev"]
+            status, said, complaint = run(*build)
+            self.assertEqual((status, said), (1, ""))
+            self.assertIn("no 32-bit system root in build/sysroot. Run 'make setup' once", complaint)
+            (clone / "build/sysroot/usr").mkdir(parents=True)
             self.assertIn("Configuring build/dev", run(*build)[1])
             self.assertNotIn("Configuring build/dev", run(*build)[1])
             clone = clone.rename(pathlib.Path(folder) / "moved again")
