@@ -330,6 +330,16 @@ TEST_F(Raise, WithoutAnyClassGivesTheMessageBack) {
   EXPECT_EQ(built.references, 0);
 }
 
+// ---- What a callback logs
+
+TEST_F(WhiteBox, OfSeveralObjectsThatAreNoExceptionsTheFirstIsThrownOn) {
+  auto object = [] { return send<id>(send<id>("NSObject"_class, "alloc"_sel), "init"_sel); };
+  const id thrown[] = {nullptr, object(), nullptr, object()};
+  EXPECT_EQ(attempt([&] { logExceptions(thrown, std::size(thrown)); }), thrown[1]);
+  EXPECT_EQ(attempt([&] { logExceptions(thrown, 1); }), nullptr);
+  for (id each : thrown) send<void>(each, "release"_sel);
+}
+
 // ---- Registration
 
 TEST_F(WhiteBox, PropertiesAreShortenedToTenWordsEach) {
