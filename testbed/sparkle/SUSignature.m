@@ -1,7 +1,7 @@
 #import "SUSignature.h"
 #include <openssl/bio.h>
 #include <openssl/bn.h>
-#include <openssl/err.h>
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 
@@ -67,6 +67,7 @@ NSString* SUSignatureProblem(NSData* archive, NSString* signature, NSString* pem
   else if (!verify(key, bytes, archive))
     problem = @"the signature is not that of the archive's digest";
   EVP_PKEY_free(key);
-  ERR_clear_error();
+  // With the errors of this thread, which may not have come to its own end when the program ends.
+  OPENSSL_thread_stop();
   return problem;
 }

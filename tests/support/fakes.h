@@ -11,6 +11,7 @@
 #pragma once
 
 #include "session.h"
+#include "unreported.h"
 
 #include "testbed/cocoa/faults.h"
 
@@ -345,6 +346,11 @@ FAKE_ANSWER(propertiesDictionary)
 }
 @end
 @implementation ClingingItem
+// The reference that a destructor has not got to is lost.
++ (id)allocWithZone:(NSZone*)zone {
+  session::Unreported lost;
+  return [super allocWithZone:zone];
+}
 - (oneway void)release {
   if (std::exchange(clings, false)) fakes::raise(@"Clinging", @"to what holds it");
   [super release];
