@@ -5,7 +5,7 @@ BUILD    := build/$(PRESET)
 # The system root's own tables, without which GNUstep's text conversions fall back.
 export GCONV_PATH := $(CURDIR)/build/sysroot/usr/lib/i386-linux-gnu/gconv
 
-.PHONY: help setup build demo test plugin mac-check torture fuzz soak coverage bench format check-format \
+.PHONY: help setup build demo test plugin mac-check torture mutants fuzz soak coverage bench format check-format \
         check-setup release clean
 
 CYCLES  := 100000
@@ -30,7 +30,9 @@ help:
 #: make plugin    build dist/SparkleKVZ.xojo_plugin, the file for the host's Plugins folder
 #: make mac-check build dist/SparkleKVZ-mac-check.zip, which proves the plug-in on a user's Mac
 #: make coverage  lines and branches that the tests reach, as a report
-#: make torture   fail every call of every scenario, one at a time
+#: make torture   fail every call of every scenario, one at a time; PLUGIN=macho
+#: make mutants   change the product one place at a time: does a test notice? COUNT=50 takes a sample,
+#:                SEED=1 a certain one, PLACE=TEXT those whose line has the text; JOBS=2 at once
 #: make fuzz      hostile input to all fuzzing targets, for SECONDS=60 in total
 #: make soak      CYCLES=100000 update checks in a row, then 8 threads for STRESS=60 seconds
 #: make bench     the plug-in's cost beside the least it can cost, into bench/results.md
@@ -60,7 +62,10 @@ coverage: setup
 
 torture: setup
 	@tools/build dev torture
-	@build/dev/bin/torture --jobs=2
+	@build/dev/bin/torture --jobs=2 $(if $(PLUGIN),--plugin=$(PLUGIN))
+
+mutants: setup
+	@PLACE="$(PLACE)" JOBS="$(JOBS)" tools/mutants $(COUNT) $(if $(COUNT),$(SEED))
 
 fuzz: setup
 	@tools/fuzz $(SECONDS)
