@@ -119,6 +119,15 @@ TEST_P(Comparison, AdoptsTheProtocolOfAFrameworkThatIsLoadedLater) {
 
 // ---- Construction
 
+TEST_P(Comparison, AdoptsTheProtocolOfAFrameworkThatTheProgramLoaded) {
+  session::Test::start();
+  NSString* path = [NSString stringWithUTF8String:SPARKLE_FRAMEWORKS "/Sparkle.framework"];
+  ASSERT_TRUE([[NSBundle bundleWithPath:path] load]);
+  instance = host::construct("SUVersionComparisonKVZ", "Constructor");
+  EXPECT_TRUE([fakes::wrapped(instance)
+      conformsToProtocol:objc_getProtocol("SUVersionComparison")]);
+}
+
 TEST_P(Comparison, ConstructorMakesARegisteredComparatorWithoutTheFramework) {
   start();
   EXPECT_FALSE(host::callShared("SUUpdaterKVZ", "IsFrameworkLoaded as boolean").as<bool>());

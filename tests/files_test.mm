@@ -417,6 +417,11 @@ TEST_F(Files, AMissingFilesURLIsAFolderItemForIt) {
   EXPECT_EQ(pathOfText("file://" + escapedRoot + "/missing.app/"), root + "/missing.app");
 }
 
+TEST_F(Files, AMissingNameKeepsItsLigatures) {
+  EXPECT_EQ(url(root + "/\xEF\xAC\x81le"), "file://" + escapedRoot + "/%EF%AC%81le");
+  EXPECT_EQ(pathOfText("file://" + escapedRoot + "/%EF%AC%81le"), root + "/\xEF\xAC\x81le");
+}
+
 TEST_F(Files, AMissingNameIsDecomposedForTheHost) {
   EXPECT_EQ(pathOfText("file://" + escapedRoot + "/caf%C3%A9"), root + "/cafe\xCC\x81");
   EXPECT_EQ(pathOfText("file://" + escapedRoot + "/cafe%CC%81"), root + "/cafe\xCC\x81");

@@ -105,8 +105,12 @@ memory cocoa_objc_msgSend_stret(id self, SEL selector, WORDS) {
   if (!self) return memory(selector);
   return marks::leave([=] {
     observe::message(self, selector);
-    return reinterpret_cast<method<memory>>(objc_msg_lookup(self, selector))(self, selector,
-                                                                             PASS_WORDS);
+    IMP imp = objc_msg_lookup(self, selector);
+    if (small_struct(self, object_getClass(self), selector, imp))
+      marks::die("objc_msgSend_stret: what -[%s %s] answers comes back in registers on Mac OS X; "
+                 "send it with objc_msgSend.",
+                 object_getClassName(self), sel_getName(selector));
+    return reinterpret_cast<method<memory>>(imp)(self, selector, PASS_WORDS);
   });
 }
 

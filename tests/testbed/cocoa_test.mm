@@ -330,6 +330,12 @@ TEST_F(Messages, AnswerLargeStructsThroughMemory) {
   EXPECT_EQ(triple.c, 30);
 }
 
+TEST_F(Messages, AnswerNoSmallStructsThroughMemory) {
+  TestTarget* target = [TestTarget doing:[] {}];
+  plugin_rect rect = {};
+  EXPECT_DEATH(enter(plugin_send_rect, plug(target), "range", &rect), "registers on Mac OS X");
+}
+
 TEST_F(Messages, AnswerSmallStructsInRegisters) {
   TestTarget* target = [TestTarget doing:[] {}];
   for (int again = 0; again < 2; ++again) {
