@@ -124,8 +124,8 @@ TEST_P(Comparison, AdoptsTheProtocolOfAFrameworkThatTheProgramLoaded) {
   NSString* path = [NSString stringWithUTF8String:SPARKLE_FRAMEWORKS "/Sparkle.framework"];
   ASSERT_TRUE([[NSBundle bundleWithPath:path] load]);
   instance = host::construct("SUVersionComparisonKVZ", "Constructor");
-  EXPECT_TRUE([fakes::wrapped(instance)
-      conformsToProtocol:objc_getProtocol("SUVersionComparison")]);
+  EXPECT_TRUE(
+      [fakes::wrapped(instance) conformsToProtocol:objc_getProtocol("SUVersionComparison")]);
 }
 
 TEST_P(Comparison, ConstructorMakesARegisteredComparatorWithoutTheFramework) {
