@@ -1015,7 +1015,7 @@ class Host(object):
             return reference_of(os.path.dirname(path), reference)
 
         @operation(Word, Word, Word)
-        def REALFSSpecFromFolderItem(specification, handle):
+        def REALFSSpecFromFolderItem(fsspec, handle):
             return False
 
         @operation(Word, Word, Word)
@@ -1024,9 +1024,9 @@ class Host(object):
             return self.folder_item(path).handle
 
         @operation(Word, Word)
-        def FolderItemFromFSSpec(specification):
+        def FolderItemFromFSSpec(fsspec):
             reference = memory(80)
-            if function("FSpMakeFSRef", Int, specification, reference):
+            if function("FSpMakeFSRef", Int, fsspec, reference):
                 return 0
             return self.folder_item(path_of_reference(reference)).handle
 
