@@ -91,6 +91,12 @@ class Runner(unittest.TestCase):
                                      "--gtest_random_seed=5")
         self.assertEqual((status, count), (0, 6), text)
         self.assertIn("Shuffled with --gtest_random_seed=5", text)
+        orders = [list(run("--gtest_filter=-Ends.TooLate", "--jobs=1", *options)[2])
+                  for options in [(), ("--gtest_shuffle", "--gtest_random_seed=5"),
+                                  ("--gtest_shuffle", "--gtest_random_seed=5")]]
+        self.assertNotEqual(orders[0], orders[1])
+        self.assertEqual(sorted(orders[0]), sorted(orders[1]))
+        self.assertEqual(orders[1], orders[2])
 
     def test_stops_at_the_first_failure_when_asked(self):
         status, _, outcomes, _ = run("--gtest_fail_fast", "--jobs=1")
