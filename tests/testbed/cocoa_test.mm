@@ -1,6 +1,7 @@
 // The border, the messages and Core Foundation as the plug-in sees them.
 
 #import <Foundation/Foundation.h>
+#import <GNUstepBase/NSObject+GNUstepBase.h>
 #import <objc/objc-exception.h>
 
 #include <gtest/gtest.h>
@@ -1714,6 +1715,35 @@ TEST_F(Faults, TellAHook) {
   faults_on_message(nullptr, nullptr);
   faults_on_call(nullptr, nullptr);
   EXPECT_EQ(seen, (std::vector<std::string>{"TestTarget big", "CFURLCopyLastPathComponent"}));
+}
+
+// The end of the process
+
+void endWhileAWorkerStillRegisters(const std::vector<Class>& classes) {
+  static const std::vector<Class>* registered;
+  registered = &classes;
+  std::atexit([] {
+    std::thread([] {
+      for (Class each : *registered) [each registerAtExit:@selector(atExit)];
+    }).detach();
+    usleep(100);
+  });
+  std::exit(0);
+}
+
+TEST(Exit, SurvivesAWorkerWhoseClassesComeUpMeanwhile) {
+  std::vector<Class> classes;
+  for (int i = 0; i < 500; ++i) {
+    std::string name = "Exit" + std::to_string(i);
+    Class made = objc_allocateClassPair([NSObject class], name.c_str(), 0);
+    class_addMethod(object_getClass(made), @selector(atExit),
+                    reinterpret_cast<IMP>(+[](id, SEL) {}), "v@:");
+    objc_registerClassPair(made);
+    classes.push_back(made);
+  }
+  [classes[0] registerAtExit:@selector(atExit)];
+  for (int i = 0; i < 40 && !HasFailure(); ++i)
+    EXPECT_EXIT(endWhileAWorkerStillRegisters(classes), testing::ExitedWithCode(0), "");
 }
 
 // The names
