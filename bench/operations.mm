@@ -878,8 +878,10 @@ std::vector<std::string> stepsOf(const Prepared& prepared, const Call& call) {
   // The log is the host's own list; what came since the last step goes before the next.
   size_t taken = 0;
   auto takeLog = [&] {
-    std::vector<host::LogEntry> log = host::currentLog();
-    for (; taken < log.size(); ++taken) steps.push_back(log[taken].text());
+    for (const host::LogEntry& entry : host::currentLog(taken)) {
+      steps.push_back(entry.text());
+      ++taken;
+    }
   };
   struct Context {
     decltype(takeLog)& take;

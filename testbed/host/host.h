@@ -504,7 +504,7 @@ struct LogEntry {
 std::ostream& operator<<(std::ostream&, const LogEntry&);
 void startLog(); // empties it
 std::vector<LogEntry> stopLog();
-std::vector<LogEntry> currentLog();
+std::vector<LogEntry> currentLog(size_t from = 0); // without the first ones
 
 // ---- The ledger --------------------------------------------------------------------------------
 

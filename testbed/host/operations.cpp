@@ -345,9 +345,10 @@ std::vector<LogEntry> stopLog() {
   ++records().logNumber;
   return std::exchange(records().log, {});
 }
-std::vector<LogEntry> currentLog() {
+std::vector<LogEntry> currentLog(size_t from) {
   Guard guard(hostMutex());
-  return records().log;
+  const std::vector<LogEntry>& log = records().log;
+  return {log.begin() + ptrdiff_t(std::min(from, log.size())), log.end()};
 }
 
 void traceOperations(bool on) { tracingOperations = on; }

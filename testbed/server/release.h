@@ -38,6 +38,10 @@ struct KeyPair {
 };
 KeyPair make_key_pair();
 
+// One for the whole program. It is made, and has signed, before main, so that not every test that
+// is forked waits for OpenSSL to get ready.
+const KeyPair& publisher();
+
 // What sparkle:dsaSignature holds: DSA over the SHA-1 of the archive's SHA-1, DER, base64 without
 // line breaks.
 std::string sign(const KeyPair& keys, const std::string& archive);

@@ -16,6 +16,7 @@ import unittest
 
 ROOT = pathlib.Path(os.environ["MACHO_ROOT"])
 ARCHIVE = pathlib.Path(os.environ["MACHO_ARCHIVE"])
+MAC_CHECK = pathlib.Path(os.environ["MAC_CHECK_ARCHIVE"])
 NOT_SOURCES = {".git", "build", "dist", "compile_commands.json"}
 GIT = {"GIT_CONFIG_GLOBAL": os.devnull, "GIT_CONFIG_SYSTEM": os.devnull,
        "GIT_AUTHOR_NAME": "Test", "GIT_AUTHOR_EMAIL": "test@localhost",
@@ -75,37 +76,31 @@ class Release(unittest.TestCase):
         self.addCleanup(shutil.rmtree, self.folder / ".git")
         self.assertRefused(clone, "is no git clone")
 
-    def test_gives_the_same_bytes_in_another_folder(self):
-        results = []
-        for name in ("one", "another"):
-            clone = self.clone(name)
-            done = release(clone)
-            self.assertEqual(0, done.returncode, done.stdout)
-            self.assertEqual("", git(clone, "status", "--porcelain"))
-            (result,) = (clone / "dist").iterdir()
-            results.append(result)
-        one, another = results
+    def test_gives_the_bytes_of_another_folder(self):
+        clone = self.clone("one")
+        done = release(clone)
+        self.assertEqual(0, done.returncode, done.stdout)
+        self.assertEqual("", git(clone, "status", "--porcelain"))
+        (made,) = (clone / "dist").iterdir()
         changes = (ROOT / "CHANGELOG.md").read_text()
         version = re.search(r"^## ([0-9.]+)", changes, re.M)[1]
         sources = f"SparkleKVZ-{version}"
-        self.assertEqual((sources, sources), (one.name, another.name))
-        names = sorted(path.name for path in one.iterdir())
-        self.assertEqual(["CHANGES.md", "SHA256SUMS", f"{sources}.tar.gz", "SparkleKVZ-mac-check.zip",
-                          "SparkleKVZ.xojo_plugin"], names)
-        for name in names:
-            self.assertEqual((one / name).read_bytes(), (another / name).read_bytes(), name)
+        self.assertEqual(sources, made.name)
+        names = sorted(path.name for path in made.iterdir())
+        self.assertEqual(["CHANGES.md", "SHA256SUMS", f"{sources}.tar.gz", MAC_CHECK.name,
+                          ARCHIVE.name], names)
+        for own in ARCHIVE, MAC_CHECK:
+            self.assertEqual(own.read_bytes(), (made / own.name).read_bytes(), own)
 
-        self.assertEqual(ARCHIVE.read_bytes(), (one / "SparkleKVZ.xojo_plugin").read_bytes(),
-                         "the plug-in of this tree's own build")
         sums = dict(reversed(line.split("  ")) for line in
-                    (one / "SHA256SUMS").read_text().splitlines())
-        self.assertEqual({name: hashlib.sha256((one / name).read_bytes()).hexdigest()
+                    (made / "SHA256SUMS").read_text().splitlines())
+        self.assertEqual({name: hashlib.sha256((made / name).read_bytes()).hexdigest()
                           for name in names if name != "SHA256SUMS"}, sums)
-        newest = (one / "CHANGES.md").read_text()
+        newest = (made / "CHANGES.md").read_text()
         self.assertTrue(newest.startswith(f"## {version}"), newest)
         self.assertIn(newest, changes)
         self.assertEqual(1, len(re.findall("^## ", newest, re.M)), newest)
-        with tarfile.open(one / f"{sources}.tar.gz") as archive:
+        with tarfile.open(made / f"{sources}.tar.gz") as archive:
             files = sorted(member.name for member in archive if not member.isdir())
         committed = git(self.committed, "ls-files").splitlines()
         self.assertEqual(sorted(f"{sources}/{name}" for name in committed), files)

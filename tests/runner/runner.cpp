@@ -27,7 +27,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 struct Options {
-  unsigned jobs = std::max(1u, std::thread::hardware_concurrency());
+  // Twice as many as cores: whatever has to do with a web server waits as long as it works.
+  unsigned jobs = 2 * std::max(1u, std::thread::hardware_concurrency());
   unsigned timeout = 120; // seconds
   bool foreground = false;
   bool exec = getenv("SPARKLEKVZ_ISOLATE") && !strcmp(getenv("SPARKLEKVZ_ISOLATE"), "exec");

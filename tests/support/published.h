@@ -27,7 +27,7 @@ public:
   Release(); // publishes 3.0 and 1.0; 2.0 is installed
 
   testbed::Server server;
-  testbed::KeyPair keys = testbed::make_key_pair();
+  testbed::KeyPair keys = testbed::publisher();
   testbed::Folder folder;
   testbed::Application application;
   std::string bundle;

@@ -104,7 +104,7 @@ protected:
   NSAutoreleasePool* pool = [[NSAutoreleasePool alloc] init];
   testbed::Folder folder;
   testbed::Server server;
-  testbed::KeyPair keys = testbed::make_key_pair();
+  testbed::KeyPair keys = testbed::publisher();
   testbed::Application application;
   std::filesystem::path bundle_path;
   Journal steps; // "step: detail [thread]"
