@@ -12,6 +12,11 @@ CYCLES  := 100000
 STRESS  := 60
 SECONDS := 60
 
+# Some shells have a HOST of their own.
+ifneq ($(origin HOST),command line)
+  HOST :=
+endif
+
 # A misspelt setting would do nothing, without a word. Those that there are stand in the help.
 SETTINGS := $(sort $(patsubst %=,%,$(shell sed -n 's/^\#: //p' Makefile | grep -oE '\b[A-Z]+=')))
 UNKNOWN  := $(filter-out $(SETTINGS),$(foreach name,$(.VARIABLES),$(if \

@@ -183,9 +183,12 @@ std::vector<Running> running;
 Totals totals;
 size_t planned;
 
-std::string buildName() {
-  const char* plugin = getenv("SPARKLEKVZ_PLUGIN");
-  return plugin ? std::string("SPARKLEKVZ_PLUGIN=") + plugin + " " : "";
+// What decides what is tested.
+std::string settings() {
+  std::string text;
+  for (const char* name : {"SPARKLEKVZ_PLUGIN", "TESTBED_CFTYPEID"})
+    if (const char* value = getenv(name)) text += std::string(name) + "=" + value + " ";
+  return text;
 }
 
 void start(const std::string& name) {
@@ -220,11 +223,11 @@ std::string ending(const Running& test, int status) {
 }
 
 void report(const Running& test, const std::string& why, const std::string& circumstances) {
-  std::string gdb = buildName() + "gdb --args " + program_invocation_name +
+  std::string gdb = settings() + "gdb --args " + program_invocation_name +
                     " --foreground --gtest_filter=" + test.name;
   printf("%s", contentsOf(test.output).c_str());
   printf("[  FAILED  ] %s %s%s\n  alone:     %s%s --gtest_filter=%s\n  debugger:  %s\n\n",
-         test.name.c_str(), why.c_str(), circumstances.c_str(), buildName().c_str(),
+         test.name.c_str(), why.c_str(), circumstances.c_str(), settings().c_str(),
          program_invocation_name, test.name.c_str(), gdb.c_str());
 }
 

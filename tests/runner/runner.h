@@ -1,8 +1,9 @@
 // Runs each test of a program in a process of its own, which is a fork of one that has loaded all
 // libraries: a plug-in keeps its globals for life, and starting from nothing costs more than most
-// tests do. Programs link it in the place of gtest_main.
+// tests do. Programs link it in the place of gtest_main. Those that test the plug-in want
+// SPARKLEKVZ_PLUGIN=elf or =macho in the environment.
 //
-//   updater_test                                all tests, as many at once as there are cores
+//   updater_test                                all tests, twice as many at once as there are cores
 //   updater_test --gtest_filter='*Invoke*'      some; --gtest_list_tests, --gtest_repeat,
 //                                               --gtest_shuffle and --gtest_fail_fast as always
 //   updater_test --foreground --gtest_filter=…  one test in this very process, for a debugger

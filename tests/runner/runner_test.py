@@ -60,6 +60,11 @@ class Runner(unittest.TestCase):
     def test_each_end_belongs_to_its_test(self):
         self.check_outcomes()
 
+    def test_how_to_run_it_alone_names_what_decides_what_is_tested(self):
+        _, text, _, _ = run("--gtest_filter=Ends.Failed", SPARKLEKVZ_PLUGIN="elf", TESTBED_CFTYPEID="none")
+        self.assertIn(f"  alone:     SPARKLEKVZ_PLUGIN=elf TESTBED_CFTYPEID=none {SAMPLE} --", text)
+        self.assertIn("  debugger:  SPARKLEKVZ_PLUGIN=elf TESTBED_CFTYPEID=none gdb --args", text)
+
     def test_a_program_from_nothing_for_each_makes_no_difference(self):
         self.check_outcomes("--isolate=exec")
 
