@@ -17,12 +17,22 @@ ifneq ($(origin HOST),command line)
   HOST :=
 endif
 
-# A misspelt setting would do nothing, without a word. Those that there are stand in the help.
-SETTINGS := $(sort $(patsubst %=,%,$(shell sed -n 's/^\#: //p' Makefile | grep -oE '\b[A-Z]+=')))
+# A setting that is misspelt, or another target's, would do nothing, without a word. Those that there
+# are stand in the help; a target that it does not name is for insiders, who may say any.
+SETTINGS := $(shell awk -v goals='$(MAKECMDGOALS)' ' \
+  BEGIN { n = split(goals, list, " "); for (i = 1; i <= n; ++i) wanted[list[i]] } \
+  /^\#: make / { name = $$3; named[name] } \
+  /^\#: / { text[name] = text[name] " " $$0 } \
+  END { any = n == 0; for (goal in wanted) any = any || !(goal in named); \
+        for (name in text) if (any || name in wanted) \
+          while (match(text[name], /[A-Z]+=/)) { \
+            print substr(text[name], RSTART, RLENGTH - 1); \
+            text[name] = substr(text[name], RSTART + RLENGTH) } }' Makefile | sort -u)
 UNKNOWN  := $(filter-out $(SETTINGS),$(foreach name,$(.VARIABLES),$(if \
               $(filter command,$(origin $(name))),$(name))))
 ifneq ($(UNKNOWN),)
-  $(error There is no setting $(UNKNOWN). There are: $(SETTINGS); `make' says what they do)
+  $(error There is no setting $(UNKNOWN) for 'make$(if $(MAKECMDGOALS), $(MAKECMDGOALS))'. There are: $(or \
+    $(SETTINGS),none); `make' says what they do)
 endif
 
 help:

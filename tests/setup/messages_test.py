@@ -38,12 +38,24 @@ class Make(unittest.TestCase):
     def test_unknown_setting(self):
         status, _, said = run("make", "-n", "test", "SANITISE=1")
         self.assertEqual(status, 2)
-        self.assertIn("There is no setting SANITISE", said)
+        self.assertIn("There is no setting SANITISE for 'make test'", said)
         self.assertIn(" SANITIZE ", said)
+
+    def test_setting_of_another_target(self):
+        status, _, said = run("make", "-n", "torture", "SANITIZE=1")
+        self.assertEqual(status, 2)
+        self.assertIn("There is no setting SANITIZE for 'make torture'. There are: PLUGIN;", said)
+        status, _, said = run("make", "-n", "coverage", "PLUGIN=elf")
+        self.assertIn("There is no setting PLUGIN for 'make coverage'. There are: none;", said)
+        self.assertEqual(run("make", "-n", "build", "SANITIZE=1")[0], 0)  # which the help does not name
+
+    def test_host_is_not_taken_from_the_environment(self):
+        self.assertNotIn("--host", run("env", "HOST=machine", "make", "-n", "demo")[1])
+        self.assertIn("--host=2012.0", run("make", "-n", "demo", "HOST=2012.0")[1])
 
     def test_settings_that_the_makefile_reads_are_in_the_help_and_known(self):
         makefile = (ROOT / "Makefile").read_text()
-        own = set(re.findall(r"(?m)^(?:export )?([A-Z_]+) *:=", makefile)) | {"CURDIR", "MAKE"}
+        own = set(re.findall(r"(?m)^(?:export )?([A-Z_]+) *:=", makefile)) | {"CURDIR", "MAKE", "MAKECMDGOALS"}
         own -= {"CYCLES", "SECONDS", "STRESS"}
         settings = set(re.findall(r"\$\(([A-Z_]+)\)", makefile)) - own
         self.assertGreater(len(settings), 8)
