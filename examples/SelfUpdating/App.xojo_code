@@ -22,8 +22,10 @@ Inherits Application
 		  dim contents as FolderItem = App.ExecutableFile.Parent.Parent
 		  dim framework as FolderItem = contents.Child("Frameworks").Child("Sparkle.framework")
 
-		  // First of all, load it. Without it the plug-in's classes do nothing at all.
+		  // First of all, load it. Without it the plug-in's classes do nothing at all. A program that is run
+		  // from the development environment has none in it, so nothing is said there.
 		  if not SUUpdaterKVZ.LoadFramework(framework) then
+		    if DebugBuild then return
 		    MsgBox "A part of this program is missing, and it cannot update itself. Please install it again."
 		    return
 		  end if
@@ -36,6 +38,9 @@ Inherits Application
 		  mTimer = new UpdateTimer
 		  mTimer.Period = 1000
 		  mTimer.Mode = Timer.ModeMultiple
+
+		  // The framework has kept the feed that UseBetas set, and what the events answer must agree with it.
+		  if KnowsItsFeed then Updater.WantsBetas = (Updater.feedURL = BetaFeed)
 
 		  // Automatic checks begin, if they are on: by SUEnableAutomaticChecks in the Info.plist, or by
 		  // ChecksAutomatically. This asks nobody. Needs SUFeedURL in the Info.plist.
@@ -50,6 +55,12 @@ Inherits Application
 		  return true
 		End Function
 	#tag EndEvent
+
+	#tag Method, Flags = &h0
+		Function BetaFeed() As String
+		  return "http://www.example.com/betas.xml"
+		End Function
+	#tag EndMethod
 
 	#tag Method, Flags = &h0
 		Function CanCheck() As Boolean
@@ -90,7 +101,6 @@ Inherits Application
 		  // when its window sets it to what is; that is no decision.
 		  if Updater = nil then return
 		  if on = Updater.automaticallyChecksForUpdates then return
-		  if on then Updater.updateCheckInterval = 24 * 60 * 60
 		  Updater.automaticallyChecksForUpdates = on
 		End Sub
 	#tag EndMethod
@@ -128,12 +138,12 @@ Inherits Application
 
 	#tag Method, Flags = &h0
 		Sub UseBetas(yes As Boolean)
-		  // People who want betas have a feed of their own. An empty text goes back to the feed in the
-		  // Info.plist.
+		  // People who want betas have a feed of their own, which the framework keeps for the next start, too. An
+		  // empty text goes back to the feed in the Info.plist.
 		  if Updater = nil then return
 		  Updater.WantsBetas = yes
 		  if yes then
-		    Updater.feedURL = "http://www.example.com/betas.xml"
+		    Updater.feedURL = BetaFeed
 		  else
 		    Updater.feedURL = ""
 		  end if

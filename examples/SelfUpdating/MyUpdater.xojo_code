@@ -39,10 +39,15 @@ Inherits UpdateQuestions
 	#tag Method, Flags = &h0
 		Sub RelaunchIfReady()
 		  // InvokeUpdate continues what was postponed, once. Without anything postponed it would raise a
-		  // NilObjectException. It may not return: the program is told to quit inside it.
-		  if RelaunchWaits and not App.HasUnsavedDocuments then
+		  // NilObjectException. It may not return: the program is told to quit inside it. Somebody has asked for
+		  // it, so say once what it waits for.
+		  if not RelaunchWaits then return
+		  if not App.HasUnsavedDocuments then
 		    RelaunchWaits = false
 		    InvokeUpdate
+		  elseif not mToldToSave then
+		    mToldToSave = true
+		    MsgBox "The new version starts as soon as your documents are saved."
 		  end if
 		End Sub
 	#tag EndMethod
@@ -53,6 +58,10 @@ Inherits UpdateQuestions
 
 	#tag Property, Flags = &h21
 		Private mRelaunchPath As String
+	#tag EndProperty
+
+	#tag Property, Flags = &h21
+		Private mToldToSave As Boolean
 	#tag EndProperty
 
 End Class

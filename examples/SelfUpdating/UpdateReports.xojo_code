@@ -24,7 +24,7 @@ Inherits SUUpdaterKVZ
 	#tag Event
 		Sub updaterDidNotFindUpdate()
 		  // Nothing newer. Say so to somebody who asked, and to nobody else. With version 1.5b6 of the
-		  // framework it does not come after automatic checks.
+		  // framework it does not come after automatic checks, unless automatic downloads are on.
 		  if SomebodyWaits then MsgBox "You have the newest version."
 		  SomebodyWaits = false
 		End Sub

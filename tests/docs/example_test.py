@@ -33,8 +33,8 @@ HOST_EVENTS = {
     "application": ["CancelClose() As Boolean", "Close", "Open", "UnhandledException(error As RuntimeException) As Boolean"],
     "timer": ["Action"],
 }
-FUNCTIONS = {"decodeurlcomponent", "defineencoding", "encodeurlcomponent", "instr", "left", "len", "max", "msgbox",
-             "replace", "right", "split", "ubound", "val"}
+FUNCTIONS = {"debugbuild", "decodeurlcomponent", "defineencoding", "encodeurlcomponent", "instr", "left", "len", "max",
+             "msgbox", "replace", "right", "split", "ubound", "val"}
 
 
 class Program:
