@@ -4,6 +4,7 @@
 #include "guide.h"
 
 #include <algorithm>
+#include <sstream>
 
 using namespace guide;
 using testing::Contains;
@@ -110,7 +111,7 @@ TEST_P(Guide, EventFeedArrived) {
   undated.date = "";
   item.date = "Sat, 26 Jul 2008 15:20:11 +0000";
   site.feed(testbed::appcast_xml({undated, old, item}));
-  std::vector<std::string> historyWindowList;
+  std::vector<std::string> debugLog;
   // | Sub didFinishLoadingAppcast(update as SUAppcastKVZ)
   on("didFinishLoadingAppcast(update as SUAppcastKVZ)", [&](host::Event& event) {
     host::Object update = event[0];
@@ -118,14 +119,14 @@ TEST_P(Guide, EventFeedArrived) {
     auto releases = host::get<host::Object>(update, "items as SUAppcastItemKVZ()");
     // | for each release as SUAppcastItemKVZ in releases
     for (const host::Object& release : listed(releases)) {
-      // | HistoryWindow.List.AddRow release.title
-      historyWindowList.push_back(text(release, "title as string"));
+      // | System.DebugLog release.title
+      debugLog.push_back(text(release, "title as string"));
       // | next
     }
     // | End Sub
   });
   check("checkForUpdateInformation");
-  EXPECT_THAT(historyWindowList, ElementsAre("Version 3.0", "Version 1.0", "Version 0.9"));
+  EXPECT_THAT(debugLog, ElementsAre("Version 3.0", "Version 1.0", "Version 0.9"));
 }
 
 TEST_P(Guide, EventBestUpdate) {
@@ -184,21 +185,24 @@ TEST_P(Guide, EventUpdateFound) {
   item.short_version = "3.0 for everybody";
   item.release_notes = "http://www.example.com/notes_3.0.html";
   offer("3.0");
-  std::string statusWindowMessage, statusWindowNotes;
   // | Sub didFindValidUpdate(update as SUAppcastItemKVZ)
   on("didFindValidUpdate(update as SUAppcastItemKVZ)", [&](host::Event& event) {
     host::Object update = event[0];
-    // | StatusWindow.Message.Text = "Version " + update.displayVersionString + " is here."
-    statusWindowMessage = "Version " + text(update, "displayVersionString as string") + " is here.";
-    // | StatusWindow.Notes.LoadURL update.releaseNotesURL
-    statusWindowNotes = text(update, "releaseNotesURL as string");
+    // | mFoundVersion = update.displayVersionString
+    mFoundVersion = text(update, "displayVersionString as string");
+    // | mFoundNotes = update.releaseNotesURL
+    mFoundNotes = text(update, "releaseNotesURL as string");
+    // | if mSomebodyWaits then MsgBox "Version " + mFoundVersion + " is here."
+    if (mSomebodyWaits) msgBox("Version " + mFoundVersion + " is here.");
     // | mSomebodyWaits = false
     mSomebodyWaits = false;
     // | End Sub
   });
+  mSomebodyWaits = true;
   check("checkForUpdateInformation");
-  EXPECT_EQ(statusWindowMessage, "Version 3.0 for everybody is here.");
-  EXPECT_EQ(statusWindowNotes, "http://www.example.com/notes_3.0.html");
+  check("checkForUpdateInformation");
+  EXPECT_THAT(messages, ElementsAre("Version 3.0 for everybody is here."));
+  EXPECT_EQ(mFoundNotes, "http://www.example.com/notes_3.0.html");
 }
 
 TEST_P(Guide, EventNothingNewer) {
@@ -244,10 +248,10 @@ TEST_P(Guide, EventPostpone) {
   on("shouldPostponeRelaunchForUpdate(sendingProfile as SUAppcastItemKVZ) as boolean",
      [&](host::Event& event) {
        EXPECT_EQ(text(event[0], "versionString as string"), "3.0");
-       // | mRelaunchWaits = true
-       mRelaunchWaits = true;
-       // | return true
-       return true;
+       // | mRelaunchWaits = not App.mQuitting
+       mRelaunchWaits = !mQuitting;
+       // | return mRelaunchWaits
+       return bool(mRelaunchWaits);
        // | End Function
      });
   host::call(mUpdater, "checkForUpdates");
@@ -365,28 +369,48 @@ TEST_P(Guide, EventCompareVersion) {
   mComparison = host::construct("MyComparison", "Constructor");
   on("versionComparatorForUpdater", [&](host::Event&) { return mComparison; });
   auto val = [](const std::string& text) { return std::atof(text.c_str()); };
+  auto split = [](const std::string& text) {
+    std::vector<std::string> parts;
+    std::istringstream stream(text);
+    for (std::string part; std::getline(stream, part, '.');) parts.push_back(part);
+    return parts;
+  };
   // | Function compareVersion(VersionA as string, VersionB as string) as integer
   host::handle("MyComparison", "compareVersion(VersionA as string, VersionB as string) as integer",
                [&](host::Event& event) {
-                 std::string VersionA = event.text(0).value_or("");
-                 std::string VersionB = event.text(1).value_or("");
-                 // | if Val(VersionA) < Val(VersionB) then return NSOrderedAscending
-                 if (val(VersionA) < val(VersionB)) return constant("NSOrderedAscending");
-                 // | if Val(VersionA) > Val(VersionB) then return NSOrderedDescending
-                 if (val(VersionA) > val(VersionB)) return constant("NSOrderedDescending");
+                 // | dim a() as String = Split(VersionA, ".")
+                 std::vector<std::string> a = split(event.text(0).value_or(""));
+                 // | dim b() as String = Split(VersionB, ".")
+                 std::vector<std::string> b = split(event.text(1).value_or(""));
+                 // | for i as Integer = 0 to Max(UBound(a), UBound(b))
+                 for (size_t i = 0; i < std::max(a.size(), b.size()); ++i) {
+                   // | dim numberA as Double = 0
+                   double numberA = 0;
+                   // | dim numberB as Double = 0
+                   double numberB = 0;
+                   // | if i <= UBound(a) then numberA = Val(a(i))
+                   if (i < a.size()) numberA = val(a[i]);
+                   // | if i <= UBound(b) then numberB = Val(b(i))
+                   if (i < b.size()) numberB = val(b[i]);
+                   // | if numberA < numberB then return NSOrderedAscending
+                   if (numberA < numberB) return constant("NSOrderedAscending");
+                   // | if numberA > numberB then return NSOrderedDescending
+                   if (numberA > numberB) return constant("NSOrderedDescending");
+                   // | next
+                 }
                  // | return NSOrderedSame
                  return constant("NSOrderedSame");
                  // | End Function
                });
-  noteReports();
-  for (const char* version : {"3", "2", "1"}) {
+  std::vector<std::string> found;
+  on("didFindValidUpdate",
+     [&](host::Event& event) { found.push_back(text(event[0], "versionString as string")); });
+  // Older than, the same as and newer than 2.0, which is what runs.
+  for (const char* version : {"1.10.0.3.0", "2", "2.0.0.0.0", "2.0.0.3.0", "2.10", "10"}) {
     offer(version);
     check("checkForUpdateInformation");
   }
-  std::vector<std::string> reports = raised();
-  std::erase_if(reports, [](const std::string& name) { return !contains(name, "Find"); });
-  EXPECT_THAT(reports, ElementsAre("didFindValidUpdate", "updaterDidNotFindUpdate",
-                                   "updaterDidNotFindUpdate"));
+  EXPECT_THAT(found, ElementsAre("2.0.0.3.0", "2.10", "10"));
 }
 
 TEST_P(Guide, KeepComparator) {
@@ -415,31 +439,77 @@ TEST_P(Guide, RelaunchNow) {
     on(event, [&, event](host::Event&) {
       if (invoking) inside.push_back(event);
     });
-  auto saved = [&] {
+  auto action = [&] {
     // | if App.mUpdater = nil then return
     if (!mUpdater) return;
-    // | if App.mUpdater.mRelaunchWaits and not App.mUpdater.mHasUnsavedDocuments then
-    if (mRelaunchWaits && !mHasUnsavedDocuments) {
+    // | App.mQuitting = false
+    mQuitting = false;
+    // | if not App.mUpdater.mRelaunchWaits then return
+    if (!mRelaunchWaits) return;
+    // | if not App.mHasUnsavedDocuments then
+    if (!mHasUnsavedDocuments) {
       // | App.mUpdater.mRelaunchWaits = false
       mRelaunchWaits = false;
       invoking = true;
       // | App.mUpdater.InvokeUpdate
       host::call(mUpdater, "InvokeUpdate");
+      // | elseif not App.mUpdater.mToldToSave then
+    } else if (!mToldToSave) {
+      // | App.mUpdater.mToldToSave = true
+      mToldToSave = true;
+      // | MsgBox "The new version starts as soon as your documents are saved."
+      msgBox("The new version starts as soon as your documents are saved.");
       // | end if
     }
   };
-  saved();
+  action();
   makeUpdater();
-  saved();
+  mQuitting = true; // and somebody did not let it
+  action();
+  EXPECT_FALSE(mQuitting);
+  EXPECT_THAT(messages, IsEmpty());
   host::call(mUpdater, "checkForUpdates");
   ASSERT_TRUE(host::runUntil([&] { return bool(mRelaunchWaits); }, 60));
   EXPECT_EQ(site.installed(), "3.0");
-  saved();
+  action();
+  action();
+  EXPECT_EQ(messages.size(), 1u);
   EXPECT_TRUE(inProgress());
   EXPECT_EQ(site.started(), "");
   mHasUnsavedDocuments = false;
-  saved();
+  action();
   finish();
+  EXPECT_EQ(site.started(), "3.0");
+}
+
+TEST_P(Guide, Quitting) {
+  makeUpdater();
+  on("shouldPostponeRelaunchForUpdate",
+     [&](host::Event&) { return bool(mRelaunchWaits = !mQuitting); });
+  // | Function CancelClose() as Boolean
+  auto cancelClose = [&] {
+    // | if mHasUnsavedDocuments then
+    if (mHasUnsavedDocuments) {
+      // | MsgBox "There are documents that are not saved. Please save them first."
+      msgBox("There are documents that are not saved. Please save them first.");
+      // | return true
+      return true;
+      // | end if
+    }
+    // | mQuitting = true
+    mQuitting = true;
+    // | return false
+    return false;
+    // | End Function
+  };
+  mHasUnsavedDocuments = true;
+  EXPECT_TRUE(cancelClose());
+  EXPECT_FALSE(mQuitting);
+  EXPECT_EQ(messages.size(), 1u);
+  mHasUnsavedDocuments = false;
+  EXPECT_FALSE(cancelClose());
+  EXPECT_EQ(messages.size(), 1u);
+  check("checkForUpdates"); // nobody need call InvokeUpdate
   EXPECT_EQ(site.started(), "3.0");
 }
 
@@ -644,6 +714,20 @@ TEST_P(Guide, TwoFeeds) {
   mWantsBetas = false;
   choose();
   EXPECT_EQ(text(mUpdater, "feedURL as string"), site.feedURL());
+}
+
+TEST_P(Guide, KeptFeed) {
+  auto open = [&] {
+    ASSERT_TRUE(load());
+    mUpdater = host::construct("MyUpdater", "Constructor");
+    // | mUpdater.mWantsBetas = (mUpdater.feedURL = "http://www.example.com/betas.xml")
+    mWantsBetas = text(mUpdater, "feedURL as string") == "http://www.example.com/betas.xml";
+  };
+  open();
+  EXPECT_FALSE(mWantsBetas);
+  host::set(mUpdater, "feedURL as string", "http://www.example.com/betas.xml");
+  open(); // as the next start does
+  EXPECT_TRUE(mWantsBetas);
 }
 
 TEST_P(Guide, OtherBundle) {

@@ -95,6 +95,13 @@ class Snippets(unittest.TestCase):
         for name, lines in self.snippets.items():
             self.assertIsNone(hostlanguage.balance_problem(lines), name)
 
+    def test_name_properties_that_the_guide_lists(self):
+        guide = markdown.read("docs/guide.md")
+        rows = "".join(line for line in guide.splitlines() if line.startswith("| `m"))
+        used = re.findall(r"\bm[A-Z]\w*", "\n".join(hostlanguage.without_texts(line)
+                                                     for lines in self.snippets.values() for line in lines))
+        self.assertEqual(set(re.findall(r"`(m\w+)(?:\(\))? As \w+`", rows)), set(used))
+
     def test_show_every_event_with_its_exact_parameters(self):
         events = {each.name: each for each in self.registered if each.table == "event"}
         shown = []

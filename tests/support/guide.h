@@ -51,8 +51,9 @@ protected:
   std::atomic<bool> toldToQuit = false;
   std::vector<std::string> messages; // of MsgBox
   host::Object mUpdater, mComparison, mHistory, mFeedParameters;
+  std::string mFoundVersion, mFoundNotes;
   std::atomic<bool> mSomebodyWaits = false, mHasUnsavedDocuments = false, mRelaunchWaits = false,
-                    mWantsBetas = false;
+                    mToldToSave = false, mQuitting = false, mWantsBetas = false;
 
   void SetUp() override;
   void TearDown() override;
