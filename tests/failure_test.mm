@@ -493,14 +493,21 @@ protected:
 
 TEST_P(Reporting, RaisesAnExceptionOfTheCompanion) {
   start();
-  EXPECT_EQ(title(trouble()), "nil");
-  EXPECT_THAT(takeLog(), ElementsAre(line));
+  NSDictionary* info = [NSDictionary dictionaryWithObject:@"value" forKey:@"key"];
+  EXPECT_EQ(title([NSException exceptionWithName:@"Trouble"
+                                          reason:@"in the framework"
+                                        userInfo:info]),
+            "nil");
+  EXPECT_THAT(takeLog(), ElementsAre("A Trouble: in the framework, Info: {key = value; }\n"));
   auto raised = host::takeException();
   ASSERT_TRUE(raised);
   EXPECT_EQ(raised->count, 1u);
   EXPECT_EQ(raised->className, "NSExceptionKVZ");
   EXPECT_EQ(raised->message, "in the framework");
   EXPECT_EQ(host::get<std::string>(raised->object, "name as string"), "Trouble");
+  EXPECT_EQ(host::get<std::string>(raised->object, "reason as string"), "in the framework");
+  auto* held = static_cast<NSException*>(objectIn(raised->object));
+  EXPECT_TRUE([[held userInfo] isEqual:info]);
   EXPECT_EQ(host::referenceCount(raised->object), 1);
 }
 
@@ -885,6 +892,7 @@ protected:
     ASSERT_TRUE(receiver_);
     // Whatever comes once comes now.
     EXPECT_EQ(call(), GetParam().normal);
+    EXPECT_EQ(host::referenceCount(keptParameters), 1) << "only an exception keeps parameters";
     session::takeLog();
   }
   void TearDown() override {
