@@ -433,7 +433,7 @@ using Lack = std::tuple<std::string, std::string>; // host, operation
 
 class HostWithout : public session::TestBase, public testing::WithParamInterface<Lack> {};
 
-TEST_P(HostWithout, OneOperationIsSurvivedByAllMembers) {
+TEST_P(HostWithout, OneOperationIsSurvivedByEveryUse) {
   auto [host, operation] = GetParam();
   session::start(host);
   host::makeAbsent(operation);
