@@ -14,7 +14,11 @@ namespace soak {
 namespace {
 
 constexpr unsigned long settling = 1000; // cycles after which memory is first looked at, at most
+// Of the process, whose pages come and go.
 constexpr size_t mostGrowth = 1 << 20;
+// Of what malloc has given out: for each check half of its smallest block. In a short run a thread
+// that has not quite ended makes more of a difference.
+constexpr size_t mostKeptByACheck = 8, mostKeptAtLeast = 4 << 10;
 
 // The host keeps so many dead handles of a size to know them by; until then, memory grows.
 void fillGraveyard() {
@@ -82,8 +86,10 @@ int runCycles(const Options& options) {
   startProgram(options, false);
   fillGraveyard();
   auto began = std::chrono::steady_clock::now();
+  // Before memory is looked at, since it makes the buffer of what is printed.
+  printf("%lu checks on the host %s\n", options.cycles, options.host.c_str());
   const unsigned long settled = std::max(1ul, std::min(settling, options.cycles / 2));
-  size_t first = 0;
+  size_t first = 0, firstAllocated = 0;
   for (unsigned long done = 1; done <= options.cycles; ++done) {
     if (!cycle()) {
       printf("FAILED  check %lu did not end: a thread waits for the main one, or never came\n",
@@ -91,12 +97,18 @@ int runCycles(const Options& options) {
       fflush(stdout);
       _exit(1);
     }
-    if (done == settled) first = residentBytes();
+    if (done == settled || done == options.cycles)
+      host::runUntil([] { return alive() == 0; }, patience); // the threads let go of the last check
+    if (done == settled) {
+      first = residentBytes();
+      firstAllocated = allocatedBytes();
+    }
     if (done == settled || done * 20 % options.cycles < 20)
-      printf("%lu checks, %.2f MiB resident\n", done, mebibytes(double(residentBytes())));
+      printf("%lu checks, %.2f MiB resident, %zu bytes allocated\n", done,
+             mebibytes(double(residentBytes())), allocatedBytes());
     fflush(stdout);
   }
-  size_t last = residentBytes();
+  size_t last = residentBytes(), lastAllocated = allocatedBytes();
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
 
   bool good = checkCounts(options.cycles);
@@ -106,11 +118,19 @@ int runCycles(const Options& options) {
            mebibytes(double(last)), settled);
     good = false;
   }
+  double kept = double(lastAllocated) - double(firstAllocated);
+  double mostKept =
+      double(std::max<size_t>(mostKeptAtLeast, mostKeptByACheck * (options.cycles - settled)));
+  if (kept > mostKept || -kept > mostKept) {
+    printf("FAILED  what is allocated went from %zu to %zu bytes since check %lu\n", firstAllocated,
+           lastAllocated, settled);
+    good = false;
+  }
   good &= endProgram();
   printf("%lu checks in %.0f seconds: %llu reports delivered, memory grew by %.2f MiB after the "
-         "first %lu; %s\n",
+         "first %lu, of it allocated %.0f bytes; %s\n",
          options.cycles, seconds, static_cast<unsigned long long>(delivered.reports()),
-         mebibytes(growth), settled, good ? "all well" : "FAILED");
+         mebibytes(growth), settled, kept, good ? "all well" : "FAILED");
   return good ? 0 : 1;
 }
 

@@ -37,6 +37,8 @@ const host::Object& comparison();
 bool endProgram();
 
 size_t residentBytes();
+// What malloc has given out and not got back, for all threads.
+size_t allocatedBytes();
 
 constexpr double patience = 30; // seconds, for what takes a millisecond
 

@@ -6,6 +6,7 @@
 #include "testbed/loader/loader.h"
 
 #include <cstdio>
+#include <malloc.h>
 #include <objc/runtime.h>
 #include <unistd.h>
 
@@ -153,6 +154,15 @@ bool endProgram() {
 // all through a short run.
 extern "C" const char* __asan_default_options();
 extern "C" const char* __asan_default_options() { return "quarantine_size_mb=1"; }
+
+// Under the address sanitizer, whose malloc is another.
+extern "C" size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak));
+
+size_t allocatedBytes() {
+  if (__sanitizer_get_current_allocated_bytes) return __sanitizer_get_current_allocated_bytes();
+  struct mallinfo2 all = mallinfo2();
+  return all.uordblks + all.hblkhd;
+}
 
 size_t residentBytes() {
   unsigned long pages = 0;
