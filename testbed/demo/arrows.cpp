@@ -24,9 +24,9 @@ constexpr Rule rules[] = {
     {"answer", Lane::program, Lane::plugin, true},
     {"step fetching", Lane::framework, Lane::server},
     {"step loaded", Lane::server, Lane::framework, true, "sends the feed"},
-    {"step shows", Lane::framework, Lane::program},
-    {"step asks", Lane::framework, Lane::program},
-    {"step answered", Lane::program, Lane::framework, true},
+    {"step shows", Lane::framework, Lane::person},
+    {"step asks", Lane::framework, Lane::person},
+    {"step answered", Lane::person, Lane::framework, true},
     {"step downloading", Lane::framework, Lane::server},
     {"step downloaded", Lane::server, Lane::framework, true, "sends the archive"},
     {"step unpacked", Lane::framework, Lane::framework, false, "has unpacked the archive"},
@@ -51,7 +51,6 @@ std::string brief(std::string text) {
       {std::regex("^raises the event "), "raises "},
       {std::regex("^(loads .* classes).*"), "$1"},
       {std::regex("^(asks: \"[^\"]*\").*"), "$1"},
-      {std::regex("^presses "), "a person presses "},
   };
   for (const auto& [from, to] : changes) text = std::regex_replace(text, from, to);
   return text;

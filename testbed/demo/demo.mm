@@ -225,7 +225,7 @@ void introduceTheDemo(const Options& options, const std::string& feed) {
   say(std::string("SparkleKVZ ") + SPARKLEKVZ_VERSION + ", " +
       (options.plugin == "elf" ? "built for Linux" : "the bundle that ships") + " (" +
       fileOf(options.plugin) + "), in the simulated host " + options.host + ".");
-  say("Host, Cocoa and update framework (as " + options.framework +
+  say("Host, companion plug-in, Cocoa and update framework (as " + options.framework +
       ") are this project's stand-ins for Linux; the plug-in is the product.");
   say(std::string("Demo ") + installedVersion + " is installed; its feed is " + feed);
   if (options.comparator == "reverse")
@@ -369,9 +369,11 @@ int run(const Options& options) {
     road::verdict(false, "The road cannot be written to " + options.road + ".");
     return 1;
   }
-  if (!options.picture.empty() &&
-      !write(options.picture, picture::draw("The road of an update", arrowsOf(road::all()))))
-    return 1;
+  if (!options.picture.empty()) {
+    std::string title =
+        "The road of an update, with the testbed's framework as " + options.framework;
+    if (!write(options.picture, picture::draw(title, arrowsOf(road::all())))) return 1;
+  }
   return judge(options, after, clean);
 }
 

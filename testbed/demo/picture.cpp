@@ -9,13 +9,13 @@ namespace picture {
 namespace {
 
 // In units of the picture, which are pixels where it has its full width.
-constexpr int width = 860, margin = 16, rowHeight = 18, headHeight = 56;
+constexpr int width = 888, margin = 16, rowHeight = 18, headHeight = 56;
 constexpr int threadLeft = margin;
-constexpr int firstLane = 128, laneDistance = 78;
-constexpr int textLeft = 404;
+constexpr int firstLane = 120, laneDistance = 68;
+constexpr int textLeft = 432;
 constexpr size_t longestText = 66; // letters between there and the margin
 
-constexpr const char* laneNames[] = {"program", "plug-in", "framework", "server"};
+constexpr const char* laneNames[] = {"program", "plug-in", "framework", "server", "person"};
 constexpr int laneCount = std::size(laneNames);
 
 int laneAt(Lane lane) { return firstLane + laneDistance * static_cast<int>(lane); }

@@ -1,5 +1,5 @@
-// Draws the road of an update as a picture: a lane each for program, plug-in, framework and server,
-// and one arrow a step, from who does it to whom it is done. Pure functions; any thread.
+// Draws the road of an update as a picture: a lane each for program, plug-in, framework, server and
+// person, and one arrow a step, from who does it to whom it is done. Pure functions; any thread.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 
 namespace picture {
 
-enum class Lane { program, plugin, framework, server };
+enum class Lane { program, plugin, framework, server, person };
 
 struct Arrow {
   Lane from, to;      // the same: what somebody does alone

@@ -74,6 +74,21 @@ TEST(Arrows, AnEventGoesFromTheFrameworkThroughThePlugIn) {
   EXPECT_TRUE(arrows[1].answer);
 }
 
+TEST(Arrows, AWindowIsForThePersonAndNotForTheProgram) {
+  auto arrows =
+      arrowsOf({{Actor::framework, "main", "step asks A window", "asks: \"A window\" Yes / No"},
+                {Actor::person, "main", "step answered A window", "presses Yes"},
+                {Actor::framework, "main", "step shows A second", "shows: A second"}});
+  ASSERT_EQ(arrows.size(), 3u);
+  EXPECT_EQ(arrows[0].from, Lane::framework);
+  EXPECT_EQ(arrows[0].to, Lane::person);
+  EXPECT_EQ(arrows[1].from, Lane::person);
+  EXPECT_EQ(arrows[1].to, Lane::framework);
+  EXPECT_TRUE(arrows[1].answer);
+  EXPECT_EQ(arrows[1].text, "presses Yes");
+  EXPECT_EQ(arrows[2].to, Lane::person);
+}
+
 TEST(Arrows, WhatTheFrameworkSaysAndNobodyHearsStays) {
   EXPECT_THAT(textsOf({{Actor::framework, "main", "step delegate", "tells its delegate x:"},
                        {Actor::framework, "main", "step finished", "is done"}}),
