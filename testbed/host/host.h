@@ -75,6 +75,10 @@ std::ostream& operator<<(std::ostream&, const Profile&);
 void start(std::string_view profileName);
 const Profile& profile();
 
+// Finds out what of this process may be read and run, which the registration of classes asks. Not
+// needed; it spares those that are forked from here the time.
+void lookAtMemory();
+
 // Loads an ELF plug-in (RTLD_NOW | RTLD_LOCAL), never to unload it, and calls its REALPluginMain
 // with the resolver. Throws Error when it cannot be loaded or has no such entry.
 void loadPlugin(const std::string& path);

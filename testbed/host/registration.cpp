@@ -113,6 +113,16 @@ public:
     return bytes <= extent(start, &Part::readable) ||
            (refresh(), bytes <= extent(start, &Part::readable));
   }
+  void refresh() {
+    parts_.clear();
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+      unsigned long start, end;
+      char permissions[5];
+      if (sscanf(line.c_str(), "%lx-%lx %4s", &start, &end, permissions) == 3)
+        parts_.push_back({start, end, permissions[0] == 'r', permissions[2] == 'x'});
+    }
+  }
   bool runnable(uint32_t address) {
     return extent(address, &Part::runnable) || (refresh(), extent(address, &Part::runnable));
   }
@@ -146,17 +156,6 @@ private:
     for (; part != parts_.end() && part->start <= end && (*part).*use; ++part) end = part->end;
     return end - start;
   }
-  void refresh() {
-    parts_.clear();
-    std::ifstream maps("/proc/self/maps");
-    for (std::string line; std::getline(maps, line);) {
-      unsigned long start, end;
-      char permissions[5];
-      if (sscanf(line.c_str(), "%lx-%lx %4s", &start, &end, permissions) == 3)
-        parts_.push_back({start, end, permissions[0] == 'r', permissions[2] == 'x'});
-    }
-  }
-
   std::vector<Part> parts_; // by address
 };
 
@@ -406,6 +405,11 @@ std::vector<std::string> Registered::declarations(Table table) const {
 }
 
 // ---- Operations
+
+void lookAtMemory() {
+  Guard guard(hostMutex());
+  memory().refresh();
+}
 
 namespace operations {
 

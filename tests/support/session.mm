@@ -147,4 +147,5 @@ void runner::prepare() {
   [pool drain];
   session::pluginEntry();
   session::open(COMPANION_PATH);
+  host::lookAtMemory();
 }
