@@ -1,6 +1,6 @@
 // At exit GNUstep takes down what its classes hold, while threads go on that use it and, without a
-// lock, while they add to what is to be taken down. Mac OS X takes nothing down, and so it is here:
-// what is kept for the life of the process is kept.
+// lock, while they add to what is to be taken down. Nothing is known to be taken down on Mac OS X,
+// and so it is here: what is kept for the life of the process is kept.
 
 #import <Foundation/Foundation.h>
 #import <GNUstepBase/NSObject+GNUstepBase.h>

@@ -76,12 +76,16 @@ class Release(unittest.TestCase):
         self.addCleanup(shutil.rmtree, self.folder / ".git")
         self.assertRefused(clone, "is no git clone")
 
-    def test_gives_the_bytes_of_another_folder(self):
-        clone = self.clone("one")
-        done = release(clone)
-        self.assertEqual(0, done.returncode, done.stdout)
-        self.assertEqual("", git(clone, "status", "--porcelain"))
-        (made,) = (clone / "dist").iterdir()
+    def test_gives_the_same_bytes_in_another_folder(self):
+        results = []
+        for name in ("one", "another"):
+            clone = self.clone(name)
+            done = release(clone)
+            self.assertEqual(0, done.returncode, done.stdout)
+            self.assertEqual("", git(clone, "status", "--porcelain"))
+            (result,) = (clone / "dist").iterdir()
+            results.append(result)
+        made, another = results
         changes = (ROOT / "CHANGELOG.md").read_text()
         version = re.search(r"^## ([0-9.]+)", changes, re.M)[1]
         sources = f"SparkleKVZ-{version}"
@@ -89,6 +93,8 @@ class Release(unittest.TestCase):
         names = sorted(path.name for path in made.iterdir())
         self.assertEqual(["CHANGES.md", "SHA256SUMS", f"{sources}.tar.gz", MAC_CHECK.name,
                           ARCHIVE.name], names)
+        for name in names:
+            self.assertEqual((made / name).read_bytes(), (another / name).read_bytes(), name)
         for own in ARCHIVE, MAC_CHECK:
             self.assertEqual(own.read_bytes(), (made / own.name).read_bytes(), own)
 
