@@ -61,6 +61,20 @@ using testing::SizeIs;
 }
 @end
 
+// Looks at the record that it is in while it goes.
+@interface LastLook : NSObject {
+@public
+  id* record;
+  id* seen;
+}
+@end
+@implementation LastLook
+- (void)dealloc {
+  *seen = *record;
+  [super dealloc];
+}
+@end
+
 namespace {
 
 const char constructedTwice[] = "Constructor called too often. Object is already initialized.";
@@ -344,6 +358,20 @@ TEST_P(Appcast, ItemsBeforeAnExceptionAreAnswered) {
   }
 }
 
+TEST_P(Appcast, AnItemWhoseInsertionThrowsIsGivenBack) {
+  start();
+  NSArray* all = newItems(2);
+  fakes::answer("items") = all;
+  host::throwFromCall("array.insert Object", [[NSException alloc] initWithName:@"Refused"
+                                                                        reason:@"by the test"
+                                                                      userInfo:nil]);
+  host::Object array = itemsOf(appcast);
+  ASSERT_TRUE(array);
+  EXPECT_EQ(host::upperBound(array), -1);
+  EXPECT_TRUE(host::takeException());
+  EXPECT_EQ([[all objectAtIndex:0] retainCount], 1u) << "no instance holds it";
+}
+
 TEST_P(Appcast, WhatIsNoExceptionPassesOnThroughItemsAndLeavesNothingBehind) {
   start();
   BreakingItems* breaking = [[BreakingItems new] autorelease];
@@ -589,6 +617,18 @@ TEST_P(Appcast, AnAssignedHandleIsNeitherRetainedNorRegistered) {
   [other retain];
   empty.reset();
   EXPECT_EQ([other retainCount], 1u) << "the destructor releases what it finds";
+}
+
+TEST_P(Appcast, IsEmptyWhenWhatItWrappedGoes) {
+  start();
+  LastLook* last = [LastLook new]; // the instance's
+  id seen = last;
+  host::Object instance = host::create("SUAppcastKVZ");
+  last->record = static_cast<id*>(host::data(instance));
+  last->seen = &seen;
+  *last->record = last;
+  instance.reset();
+  EXPECT_EQ(seen, nil);
 }
 
 TEST_P(Appcast, AnExceptionInDestructionIsReported) {

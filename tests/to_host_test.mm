@@ -307,6 +307,17 @@ TEST_P(ToHostRules, WhatAnArrayRaisesIsRaisedInTheHost) {
   expectException("NSExceptionKVZ");
 }
 
+TEST_P(ToHostRules, AnElementWhoseInsertionThrowsIsGivenBack) {
+  start();
+  host::throwFromCall("array.insert Object", [[NSException alloc] initWithName:@"Refused"
+                                                                        reason:@"by the test"
+                                                                      userInfo:nil]);
+  NSArray* array = [NSArray arrayWithObject:@"element"];
+  EXPECT_FALSE(dictionaryToHost([NSDictionary dictionaryWithObject:array forKey:@"k"]));
+  EXPECT_TRUE(host::takeException());
+  EXPECT_EQ(host::ledger(), host::Ledger{}) << host::leakReport();
+}
+
 TEST_P(ToHostRules, WhatElseAnArrayThrowsPassesOn) {
   start();
   BrittleArray* array = [[BrittleArray new] autorelease];

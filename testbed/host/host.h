@@ -468,8 +468,9 @@ void failProperty(std::string_view className, std::string_view property, bool fa
 // ---- Operations: absence, faults, counts, the log ----------------------------------------------
 // Whatever a plug-in can call has one name here: an operation its own ("REALLockObject"), a global
 // method its declaration ("LenB( s as string ) as integer"), a method of an object the class and
-// the declaration ("Dictionary.Key(index As Integer) As Variant"), an array's functions "array.get"
-// and "array.insert". An unknown name throws Error.
+// the declaration ("Dictionary.Key(index As Integer) As Variant"), an array's functions
+// "array.insert Object" and "array.get " with the type of its elements. An unknown name throws
+// Error.
 
 std::vector<std::string> operationNames();
 bool fallible(std::string_view name); // has a result, or may be skipped without breaking references
@@ -481,6 +482,9 @@ void makePresent(std::string_view name);
 // The NTH call from now on, and the COUNT - 1 after it, do nothing and answer zero.
 void failCall(std::string_view name, unsigned nth = 1, unsigned count = 1);
 void failAlways(std::string_view name);
+// The next call does nothing and throws OBJECT, as code that the host runs below it may; one
+// reference to the object is given away.
+void throwFromCall(std::string_view name, void* object);
 // The N-th call from now on of any fallible operation fails; 0 switches it off.
 void failNthOperation(uint64_t n);
 bool faultFired();  // whether a call has failed by one of the above since they were set

@@ -295,6 +295,7 @@ std::string quoted(std::string_view text);
 
 // Calls the plug-in's FUNCTION with one handle; a throw becomes the thread's escaped one.
 void callDeferring(uint32_t function, const void* handle);
+void escape(void* thrown); // null: nothing; only the first goes on
 bool hasEscaped();
 void rethrowEscaped(); // natively; nothing when none has escaped
 

@@ -83,6 +83,12 @@ void constructFrom(const Class& type, Cell& cell) {
 
 } // namespace
 
+void escape(void* thrown) {
+  if (thrown && escaped)
+    autorelease(thrown);
+  else if (thrown)
+    escaped = thrown;
+}
 bool hasEscaped() { return escaped != nullptr; }
 
 void rethrowEscaped() {
@@ -97,11 +103,7 @@ void callDeferring(uint32_t function, const void* handle) {
         crossing_enter(reinterpret_cast<void*>(uintptr_t(call->function)), &call->handle, 1);
       },
       &call);
-  if (!thrown) return;
-  if (escaped)
-    autorelease(thrown);
-  else
-    escaped = thrown;
+  escape(thrown);
 }
 
 Thrown catching(const std::function<void()>& body) {

@@ -182,7 +182,7 @@ CallNote::CallNote(Operation& operation) : operation_(operation) {
       if (operation.untilFault > 1)
         --operation.untilFault;
       else
-        fails_ = true, --operation.faults;
+        fails_ = true, --operation.faults, escape(std::exchange(operation.thrown, nullptr));
     }
     if (operation.fallible && records().untilOverallFault > 0 && --records().untilOverallFault == 0)
       fails_ = true;
@@ -283,6 +283,11 @@ void failAlways(std::string_view name) {
   failCall(name);
   need(name).faults = UINT64_MAX;
 }
+void throwFromCall(std::string_view name, void* object) {
+  failCall(name);
+  Guard guard(hostMutex());
+  need(name).thrown = object;
+}
 void failNthOperation(uint64_t n) {
   Guard guard(hostMutex());
   records().untilOverallFault = n;
@@ -298,7 +303,10 @@ void clearFaults() {
   faultsSet = false;
   records().untilOverallFault = 0;
   records().fired = false;
-  for (const Row& row : table()) row.operation.untilFault = row.operation.faults = 0;
+  for (const Row& row : table()) {
+    row.operation.untilFault = row.operation.faults = 0;
+    autorelease(std::exchange(row.operation.thrown, nullptr));
+  }
 }
 
 uint64_t calls(std::string_view name) { return need(name).calls; }

@@ -36,6 +36,7 @@ struct Operation {
   // Under hostMutex().
   uint64_t untilFault = 0; // 1: the next call fails
   uint64_t faults = 0;     // so many in a row
+  void* thrown = nullptr;  // by the call that fails; one reference
   uint64_t lookups = 0;
 };
 
@@ -111,9 +112,11 @@ template <auto Function, typename R, typename... A> struct Watched<Function, R (
     }
     CallNote note(operation);
     if (note.wantsText()) note.arguments({printArgument(note, arguments)...});
-    if (note.fails()) return Answer<R>::of(R{});
-    R result = Function(arguments...);
-    if (note.wantsText()) note.result(printArgument(note, result));
+    R result{};
+    if (!note.fails()) {
+      result = Function(arguments...);
+      if (note.wantsText()) note.result(printArgument(note, result));
+    }
     finish();
     return Answer<R>::of(result);
   }
