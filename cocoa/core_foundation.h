@@ -63,6 +63,7 @@ struct FSCatalogInfo {
 };
 #pragma pack(pop)
 
+static_assert(sizeof(FSRef) == 80);
 static_assert(sizeof(HFSUniStr255) == 512);
 static_assert(sizeof(FSSpec) == 70);
 static_assert(sizeof(FSCatalogInfo) == 144);

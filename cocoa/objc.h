@@ -36,6 +36,7 @@ struct ExceptionFrame {
   int buffer[18];
   void* runtimeWords[4];
 };
+static_assert(sizeof(ExceptionFrame) == (18 + 4) * 4);
 
 extern "C" {
 Class objc_getClass(const char* name);

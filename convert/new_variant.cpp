@@ -11,6 +11,7 @@
 #include "convert/variants.h"
 #include "plugin/registration.h"
 
+#include <stdio.h>
 #include <string.h>
 
 namespace {
@@ -34,13 +35,9 @@ REALobjectStruct* wrappedByClass(id object) {
   send<id>(object, "retain"_sel);
   REALobjectStruct* instance = nullptr;
   for (Class type = object_getClass(object); type && !instance; type = class_getSuperclass(type)) {
-    const char* name = class_getName(type);
-    std::size_t length = strlen(name);
-    if (length > kLongestClassName) continue;
     char wrapperName[kLongestClassName + sizeof "KVZ"];
-    memcpy(wrapperName, name, length);
-    memcpy(wrapperName + length, "KVZ", sizeof "KVZ");
-    instance = REALnewInstance(wrapperName);
+    int length = snprintf(wrapperName, sizeof wrapperName, "%sKVZ", class_getName(type));
+    if (length < static_cast<int>(sizeof wrapperName)) instance = REALnewInstance(wrapperName);
   }
   return holding(instance, object);
 }

@@ -53,7 +53,7 @@ id giveBack(REALobjectStruct*& held) {
   return attempt([&] { unlock(held); });
 }
 
-id giveBack(REALstringStruct*& held) {
+id giveBack(REALstringStruct* held) {
   return attempt([&] { unlock(held); });
 }
 

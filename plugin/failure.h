@@ -34,7 +34,7 @@ void logExceptions(const id* thrown, std::size_t count);
 // Gives back a reference in a frame of its own. Answers what a destructor that the host ran let
 // out, or nil.
 id giveBack(REALobjectStruct*& held);
-id giveBack(REALstringStruct*& held);
+id giveBack(REALstringStruct* held);
 
 template <class Body> inline void raising(Body&& body) {
   if (id thrown = attempt(body)) raiseInHost(thrown);

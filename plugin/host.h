@@ -159,9 +159,8 @@ template <class Handle> inline void unlock(Handle*& held) {
   held = nullptr;
   if (object) REALUnlockObject(asHostObject(object));
 }
-inline void unlock(REALstringStruct*& held) {
-  REALstringStruct* string = held;
-  held = nullptr;
+// A string runs no code of the program when it goes.
+inline void unlock(REALstringStruct* string) {
   if (string) REALUnlockString(string);
 }
 
