@@ -77,6 +77,7 @@ TEST_P(Comparison, TheCocoaClassHasItsVariableAndMethodsWithTheirTypes) {
   EXPECT_STREQ(ivar_getName(variables[0]), "target");
   EXPECT_STREQ(ivar_getTypeEncoding(variables[0]), "^{REALobjectStruct=}");
   free(variables);
+  EXPECT_EQ(class_getInstanceSize(type), 2 * sizeof(void*)) << "nothing between them";
 
   std::map<std::string, std::string> methods;
   Method* own = class_copyMethodList(type, &count);
@@ -166,6 +167,15 @@ TEST_P(Comparison, WorksWithoutARegistry) {
   host::subclass("MyComparison", "SUVersionComparisonKVZ", answering(7));
   instance = host::construct("MyComparison", "Constructor");
   EXPECT_EQ([fakes::wrapped(instance) compareVersion:@"1" toVersion:@"2"], 7);
+}
+
+TEST_P(Comparison, RunsTheSharedInitialisationWhenItComesAndGoes) {
+  session::start(GetParam(), {.companion = false});
+  fakes::offerRegistry(nil);
+  auto initialises = [](const std::function<void()>& body) { return fakes::initialisations(body); };
+  EXPECT_EQ(initialises([&] { instance = host::create("SUVersionComparisonKVZ"); }), 1u);
+  EXPECT_EQ(initialises([&] { host::call(instance, "Constructor"); }), 0u);
+  EXPECT_EQ(initialises([&] { instance.reset(); }), 1u);
 }
 
 TEST_P(Comparison, EveryFailingMessageOfTheConstructorIsReported) {
@@ -327,6 +337,14 @@ TEST_P(Comparison, DestructionClearsTheLinkThenReleases) {
   EXPECT_THAT(own,
               ElementsAre("-[MySUVersionComparison clearTarget]",
                           "-[MySUVersionComparison release]", "-[MySUVersionComparison dealloc]"));
+}
+
+TEST_P(Comparison, NothingOfTheLinkIsLeftAtTheEnd) {
+  start();
+  id other = [[object_getClass(comparator) alloc] performSelector:@selector(initWithTarget:)
+                                                       withObject:(id)instance.handle()];
+  auto variables = fakes::variablesAtTheEnd<1>(other, [&] { [other release]; });
+  EXPECT_THAT(variables, ElementsAre(nullptr));
 }
 
 TEST_P(Comparison, TheDestructorMethodAloneCutsTheLinkAndReleasesNothing) {

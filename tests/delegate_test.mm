@@ -191,7 +191,9 @@ TEST_P(Delegate, HasTheMethodsOfItsProtocolWithTheirTypes) {
   EXPECT_STREQ(ivar_getName(variables[0]), "target");
   EXPECT_STREQ(ivar_getTypeEncoding(variables[0]), "^{REALobjectStruct=}");
   EXPECT_STREQ(ivar_getName(variables[1]), "invocation");
+  EXPECT_STREQ(ivar_getTypeEncoding(variables[1]), "@");
   free(variables);
+  EXPECT_EQ(class_getInstanceSize(type), 3 * sizeof(void*)) << "nothing between them";
 }
 
 TEST_P(Delegate, IsSharedNotCopied) {
@@ -936,6 +938,16 @@ TEST_P(Delegate, TheInvocationIsKeptBeforeTheHandlerRuns) {
                         untilInvoking:static_cast<id>(invocation)];
   EXPECT_THAT(fakes::received(), ElementsAre("invoke"));
   EXPECT_EQ([invocation retainCount], 1u);
+}
+
+TEST_P(Delegate, NothingOfTheLinkAndTheInvocationIsLeftAtTheEnd) {
+  start();
+  FakeInvocation* invocation = [[FakeInvocation new] autorelease];
+  [delegate updater:nil
+      shouldPostponeRelaunchForUpdate:item
+                        untilInvoking:static_cast<id>(invocation)];
+  auto variables = fakes::variablesAtTheEnd<2>(delegate, [&] { updater.reset(); });
+  EXPECT_THAT(variables, ElementsAre(nullptr, nullptr));
 }
 
 TEST_P(Delegate, ANilInvocationReplacesTheKeptOne) {

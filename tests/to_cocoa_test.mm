@@ -515,6 +515,7 @@ TEST_P(ToCocoaRules, OddSizesOfMemoryBlocksDoNoHarm) {
   EXPECT_EQ(feeder.printed(block), "data \"\"");
   host::makePresent("memoryBlockGetSize");
   EXPECT_EQ(feeder.printed(block), "nil");
+  EXPECT_EQ(feeder.printed(host::memoryBlock("a")), "nil") << "not even one byte without bytes";
   host::makePresent("memoryBlockGetPtr");
   EXPECT_EQ(feeder.printed(block), "data \"abcdef\"");
 }

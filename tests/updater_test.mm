@@ -683,7 +683,7 @@ TEST_P(Updater, EveryFailingMessageOfAConstructorIsReported) {
           updater = host::create("SUUpdaterKVZ");
         },
         [&] { callConstructor(updater, constructor); }, [] {});
-    EXPECT_GE(messages, 4u) << "alloc, initWithTarget:, the updater, setDelegate:";
+    EXPECT_GE(messages, 5u) << "alloc, initWithTarget:, init, the updater, setDelegate:";
     [fake retain];
   }
 }
@@ -744,6 +744,17 @@ TEST_P(Updater, DestructionDetachesThenReleasesTheUpdaterThenTheDelegate) {
   EXPECT_EQ(fakes::state().delegate, nil);
   EXPECT_NE(delegate, nil);
   EXPECT_EQ([fake retainCount], references - 1);
+}
+
+TEST_P(Updater, DestructionEmptiesTheRecord) {
+  start();
+  host::Object updater = bound();
+  constexpr size_t destructorWord = 6;
+  uint32_t destructor = host::registered("SUUpdaterKVZ")->words[destructorWord];
+  auto argument = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(updater.handle()));
+  crossing_enter(reinterpret_cast<void*>(uintptr_t(destructor)), &argument, 1);
+  EXPECT_EQ(fakes::wrapped(updater), nil);
+  EXPECT_EQ(delegateOf(updater), nil);
 }
 
 TEST_P(Updater, DestructionOfAHalfBoundInstanceReleasesTheDelegate) {

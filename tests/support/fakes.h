@@ -18,6 +18,7 @@
 #import <Foundation/Foundation.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <functional>
 #include <map>
@@ -179,6 +180,28 @@ private:
   mutable std::mutex mutex_;
   std::vector<std::string> messages_;
 };
+
+// The pointers behind OBJECT's class when it hands its dealloc on, which BODY makes it do.
+template <std::size_t Count>
+std::array<void*, Count> variablesAtTheEnd(id object, const std::function<void()>& body) {
+  struct Watch {
+    id object;
+    std::array<void*, Count> variables;
+  } watch{object, {}};
+  watch.variables.fill(object); // until they are seen
+  faults_on_message(
+      [](void* context, id receiver, SEL selector) {
+        auto* watch = static_cast<Watch*>(context);
+        if (receiver == watch->object && sel_isEqual(selector, @selector(dealloc)))
+          memcpy(&watch->variables, reinterpret_cast<void**>(receiver) + 1, Count * sizeof(void*));
+      },
+      &watch);
+  faults_start(FAULTS_THIS_THREAD);
+  body();
+  faults_stop();
+  faults_on_message(nullptr, nullptr);
+  return watch.variables;
+}
 
 // Runs BODY on a worker thread while the main thread turns its run loop. False when it did not end
 // in time.

@@ -36,7 +36,7 @@ unsigned long faults_calls(const char* name);
 namespace {
 bool runtimeRefuses;
 unsigned registeredPairs;
-CFIndex claimedLength; // of any string, when it is below 0
+CFIndex claimedLength; // of any string; 0 is the truth
 } // namespace
 
 extern "C" {
@@ -53,7 +53,7 @@ void objc_registerClassPair(Class type) {
   next(type);
 }
 CFIndex CFStringGetLength(CFStringRef string) {
-  if (claimedLength < 0) return claimedLength;
+  if (claimedLength) return claimedLength;
   auto* next =
       reinterpret_cast<decltype(&CFStringGetLength)>(dlsym(RTLD_NEXT, "CFStringGetLength"));
   return next(string);
@@ -273,6 +273,19 @@ TEST_F(StringData, WithoutMemoryIsNone) {
   EXPECT_FALSE(got);
 }
 
+TEST_F(StringData, ThatIsToHaveMoreRoomThanThereIsIsNone) {
+  get(handle(string), kAnyEncoding);
+  for (std::uint32_t tooMuch : {0u, 1u}) {
+    data.length = INT32_MAX - 4 + tooMuch;
+    faults_start(1);
+    faults_fail_call("malloc", 1);
+    bool got = REALGetStringData(handle(string), kAnyEncoding, &data);
+    faults_stop();
+    EXPECT_FALSE(got);
+    EXPECT_EQ(faults_calls("malloc"), 1 - tooMuch);
+  }
+}
+
 TEST_F(StringData, IsTheHostsWhereItOffersThem) {
   offer(
       "PluginGetStringData",
@@ -341,6 +354,35 @@ TEST_F(WhiteBox, OfSeveralObjectsThatAreNoExceptionsTheFirstIsThrownOn) {
 }
 
 // ---- Registration
+
+TEST_F(WhiteBox, ClassesStandInTheNewestLayoutUntilTheyAreRegistered) {
+  for (const REALclassDefinition* type : {&SUVersionComparisonDefinition, &SUAppcastItemDefinition,
+                                          &SUUpdaterDefinition, &SUAppcastDefinition})
+    EXPECT_EQ(type->version, 12u) << type->name;
+}
+
+TEST_F(WhiteBox, ForAnOldHostAClassBindsNothingAndItsSharedPropertiesAreShortened) {
+  CurrentREALControlVersion = 9;
+  static REALclassDefinition* registered;
+  offer(
+      "PluginRegisterClass", +[](REALclassDefinition* type) { registered = type; });
+  REALproperty shared{nullptr, "shared", "Integer", kPropertyFlags, -1,      -1,
+                      0,       0,        0,         nullptr,        nullptr, 0};
+  REALclassDefinition type{.version = kLayoutVersion,
+                           .name = "Shared",
+                           .bindDescriptions = &shared,
+                           .bindDescriptionCount = 1,
+                           .sharedProperties = &shared,
+                           .sharedPropertyCount = 1};
+  MyREALRegisterClass(&type);
+  ASSERT_EQ(registered, &type);
+  EXPECT_EQ(type.bindDescriptions, nullptr);
+  EXPECT_EQ(type.bindDescriptionCount, 0u);
+  ASSERT_NE(type.sharedProperties, &shared);
+  EXPECT_STREQ(type.sharedProperties->name, "shared");
+  EXPECT_EQ(type.sharedPropertyCount, 1u);
+  free(type.sharedProperties);
+}
 
 TEST_F(WhiteBox, PropertiesAreShortenedToTenWordsEach) {
   REALproperty properties[2] = {};
@@ -415,6 +457,23 @@ TEST_F(WhiteBox, AClassThatTheRuntimeRefusesIsNotMade) {
   EXPECT_NE(MySUVersionComparison.type, nullptr);
 }
 
+TEST_F(WhiteBox, AClassHasAsManyVariablesAndMethodsAsAreCounted) {
+  CocoaVariable variables[] = {{"first", "@", 0}, {"second", "@", 99}};
+  const CocoaMethod methods[] = {
+      {"copyWithZone:", reinterpret_cast<IMP>(retainInsteadOfCopy), "@12@0:4^{_NSZone=}8"},
+      {"unheardOf", nullptr, "v8@0:4"}};
+  CocoaClass counted{"Counted", variables, 1, methods, 1, nullptr, nullptr, nullptr};
+  makeCocoaClass(counted);
+  ASSERT_TRUE(counted.type);
+  EXPECT_EQ(variables[0].offset, static_cast<std::ptrdiff_t>(sizeof(id)));
+  EXPECT_EQ(variables[1].offset, 99);
+  EXPECT_FALSE(class_getInstanceVariable(counted.type, "second"));
+  id object = send<id>(send<id>(reinterpret_cast<id>(counted.type), "alloc"_sel), "init"_sel);
+  EXPECT_TRUE(send<BOOL>(object, "respondsToSelector:"_sel, "copyWithZone:"_sel));
+  EXPECT_FALSE(send<BOOL>(object, "respondsToSelector:"_sel, sel_registerName("unheardOf")));
+  send<void>(object, "release"_sel);
+}
+
 TEST_F(WhiteBox, ATypeThatTheSystemLacksIsPassedOver) {
   auto types = {"CFURLGetTypeID", "CTTypesetterGetTypeID"}; // before and behind the renamed one
   for (const char* name : types) {
@@ -444,6 +503,44 @@ TEST_F(WhiteBox, ANameShorterThanNothingIsEmpty) {
   claimedLength = 0;
   EXPECT_EQ(leafLength, 0);
   send<void>(pool, "drain"_sel);
+}
+
+// Whether memory was asked for.
+bool takesMemory(CFIndex length) {
+  claimedLength = length;
+  faults_start(1);
+  faults_fail_call("malloc", 1);
+  EXPECT_EQ(CFString2RBString(asString("text"_ns)), nullptr);
+  faults_stop();
+  claimedLength = 0;
+  return faults_calls("malloc") > 0;
+}
+
+TEST_F(WhiteBox, ATextWhoseBytesHaveNoNumberIsNone) {
+  takesMemory(100); // looks everything up
+  EXPECT_TRUE(takesMemory(INT32_MAX / 6));
+  EXPECT_FALSE(takesMemory(INT32_MAX / 6 + 1));
+}
+
+[[gnu::noinline]] void dirtyTheStack() {
+  volatile char bytes[8192];
+  for (volatile char& byte : bytes) byte = 0x55;
+}
+
+TEST_F(WhiteBox, AHostThatLeavesANameAloneLeavesItEmpty) {
+  static bool empty;
+  offer(
+      "REALFSRefFromFolderItem",
+      +[](REALfolderItemStruct*, FSRef*, HFSUniStr255* name) -> RBBoolean {
+        if (!name) return 0;
+        auto* bytes = reinterpret_cast<const char*>(name);
+        empty = std::count(bytes, bytes + sizeof *name, 0) == sizeof *name;
+        return 0;
+      });
+  Text item{"", 0};
+  dirtyTheStack();
+  CreateCFURLfromFolderItem(reinterpret_cast<REALfolderItemStruct*>(&item));
+  EXPECT_TRUE(empty);
 }
 
 } // namespace
