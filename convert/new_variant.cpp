@@ -11,7 +11,6 @@
 #include "convert/variants.h"
 #include "plugin/registration.h"
 
-#include <stdio.h>
 #include <string.h>
 
 namespace {
@@ -35,9 +34,13 @@ REALobjectStruct* wrappedByClass(id object) {
   send<id>(object, "retain"_sel);
   REALobjectStruct* instance = nullptr;
   for (Class type = object_getClass(object); type && !instance; type = class_getSuperclass(type)) {
+    const char* name = class_getName(type);
+    std::size_t length = strlen(name);
     char wrapperName[kLongestClassName + sizeof "KVZ"];
-    int length = snprintf(wrapperName, sizeof wrapperName, "%sKVZ", class_getName(type));
-    if (length < static_cast<int>(sizeof wrapperName)) instance = REALnewInstance(wrapperName);
+    if (length + sizeof "KVZ" > sizeof wrapperName) continue;
+    memcpy(wrapperName, name, length);
+    memcpy(wrapperName + length, "KVZ", sizeof "KVZ");
+    instance = REALnewInstance(wrapperName);
   }
   return holding(instance, object);
 }

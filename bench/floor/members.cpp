@@ -74,13 +74,22 @@ void start(void* (*resolver)(const char*)) {
 
 } // namespace
 
-String* newString(id text) {
+static String* newUTF8(CFStringRef string, CFIndex units) {
   constexpr CFIndex size = 60001;
   static char buffer[size];
-  auto string = asString(text);
-  CFStringGetCString(string, buffer, CFStringGetLength(string) * 6 + 1, kCFStringEncodingUTF8);
+  CFStringGetCString(string, buffer, units * 6 + 1, kCFStringEncodingUTF8);
   String* result = host.buildString(buffer, static_cast<int>(strlen(buffer)));
   host.setStringEncoding(result, kCFStringEncodingUTF8);
+  return result;
+}
+
+String* newString(id text) {
+  auto string = asString(text);
+  CFIndex units = CFStringGetLength(string);
+  if (units < 100) return newUTF8(string, units);
+  // Memory of the heap must be given back whatever is thrown.
+  String* result = nullptr;
+  FRAME(result = newUTF8(string, units););
   return result;
 }
 
