@@ -1,6 +1,7 @@
 #include "convert/cf_types.h"
 
-// Type and wrapper class, in the order in which they are compared.
+// Type and wrapper class, in the order in which they are compared: the last one twice, which does
+// no harm.
 #define CF_TYPES(TYPE, IMAGE)                                                                      \
   TYPE(CFURL, "CFURLKVZ")                                                                          \
   TYPE(CFDictionary, "CFDictionaryKVZ")                                                            \
