@@ -80,7 +80,7 @@ torture: setup
 	@build/dev/bin/torture --jobs=2 $(if $(PLUGIN),--plugin=$(PLUGIN))
 
 mutants: setup
-	@PLACE="$(PLACE)" JOBS="$(JOBS)" tools/mutants $(COUNT) $(if $(COUNT),$(SEED))
+	@tools/mutants $(COUNT) $(if $(COUNT),$(SEED))
 
 fuzz: setup
 	@tools/fuzz $(SECONDS)

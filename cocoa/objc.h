@@ -30,8 +30,9 @@ struct objc_super {
   Class superClass;
 };
 
-// The frame of the Cocoa runtime's own exception handling: the jump buffer of i386 (18 ints) and
-// four words for the runtime. One lives on the stack of whoever catches.
+// The frame of the Cocoa runtime's own exception handling, as clang lays it out for an @try on
+// i386: the jump buffer (18 ints) and four words for the runtime. One lives on the stack of whoever
+// catches.
 struct ExceptionFrame {
   int buffer[18];
   void* runtimeWords[4];

@@ -159,7 +159,7 @@ template <class Handle> inline void unlock(Handle*& held) {
   held = nullptr;
   if (object) REALUnlockObject(asHostObject(object));
 }
-// A string runs no code of the program when it goes.
+// A string runs no code of the program when it goes, and nobody gives it back again after a throw.
 inline void unlock(REALstringStruct* string) {
   if (string) REALUnlockString(string);
 }

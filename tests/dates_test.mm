@@ -168,6 +168,13 @@ TEST_P(Dates, AreWrittenFieldByFieldInOrder) {
                                    "\"Hour\" = 9", "\"Minute\" = 5", "\"Second\" = 30"));
 }
 
+TEST_P(Dates, AreMadeForCocoaInTheZoneThatIsAskedFor) {
+  start();
+  fakes::Spy spy;
+  toCocoa(host::date({2021, 3, 7, 9, 5, 30}));
+  EXPECT_EQ(spy.count("+[NSTimeZone localTimeZone]"), 1);
+}
+
 TEST_P(Dates, AreReadFieldByFieldBeforeTheHostsDateIsMade) {
   start();
   NSDate* date = [NSDate date];

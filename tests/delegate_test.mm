@@ -130,6 +130,12 @@ protected:
     return std::string(report.wrapperName) == "SUAppcastKVZ" ? appcast : item;
   }
 
+  BOOL postpone(id invocation) {
+    return [delegate updater:nil
+        shouldPostponeRelaunchForUpdate:item
+                          untilInvoking:static_cast<NSInvocation*>(invocation)];
+  }
+
   host::Object updater;
   id delegate = nil;
   id item = nil;
@@ -495,7 +501,7 @@ TEST_P(Delegate, TheSameItemReachesEveryHandlerAsTheSameInstanceWhileThatLives) 
   ASSERT_TRUE(fakes::onWorker([&] {
     [delegate updater:nil didFindValidUpdate:item];
     [delegate updater:nil willInstallUpdate:item];
-    [delegate updater:nil shouldPostponeRelaunchForUpdate:item untilInvoking:nil];
+    postpone(nil);
   }));
   EXPECT_TRUE(found);
   EXPECT_EQ(found, installed);
@@ -898,11 +904,7 @@ TEST_P(Delegate, AnswersWhetherToPostponeTheRelaunchOnTheCallingThread) {
       });
       FakeInvocation* invocation = [[FakeInvocation new] autorelease];
       BOOL answer = !yes;
-      ASSERT_TRUE(place.run([&] {
-        answer = [delegate updater:nil
-            shouldPostponeRelaunchForUpdate:item
-                              untilInvoking:static_cast<id>(invocation)];
-      }));
+      ASSERT_TRUE(place.run([&] { answer = postpone(invocation); }));
       EXPECT_EQ(answer, yes ? YES : NO);
       EXPECT_EQ(fakes::wrapped(seen), item);
       EXPECT_EQ(host::className(seen), "SUAppcastItemKVZ");
@@ -915,10 +917,10 @@ TEST_P(Delegate, ASecondPostponedRelaunchReplacesTheFirst) {
   start();
   FakeInvocation* first = [FakeInvocation new];
   FakeInvocation* second = [[FakeInvocation new] autorelease];
-  [delegate updater:nil shouldPostponeRelaunchForUpdate:item untilInvoking:static_cast<id>(first)];
+  postpone(first);
   [first release];
   EXPECT_EQ(fakes::freed(), 0u);
-  [delegate updater:nil shouldPostponeRelaunchForUpdate:item untilInvoking:static_cast<id>(second)];
+  postpone(second);
   EXPECT_EQ(fakes::freed(), 1u);
   EXPECT_EQ([second retainCount], 2u);
   host::call(updater, "InvokeUpdate");
@@ -933,9 +935,7 @@ TEST_P(Delegate, TheInvocationIsKeptBeforeTheHandlerRuns) {
     host::call(updater, "InvokeUpdate");
     return true;
   });
-  [delegate updater:nil
-      shouldPostponeRelaunchForUpdate:item
-                        untilInvoking:static_cast<id>(invocation)];
+  postpone(invocation);
   EXPECT_THAT(fakes::received(), ElementsAre("invoke"));
   EXPECT_EQ([invocation retainCount], 1u);
 }
@@ -943,9 +943,7 @@ TEST_P(Delegate, TheInvocationIsKeptBeforeTheHandlerRuns) {
 TEST_P(Delegate, NothingOfTheLinkAndTheInvocationIsLeftAtTheEnd) {
   start();
   FakeInvocation* invocation = [[FakeInvocation new] autorelease];
-  [delegate updater:nil
-      shouldPostponeRelaunchForUpdate:item
-                        untilInvoking:static_cast<id>(invocation)];
+  postpone(invocation);
   auto variables = fakes::variablesAtTheEnd<2>(delegate, [&] { updater.reset(); });
   EXPECT_THAT(variables, ElementsAre(nullptr, nullptr));
 }
@@ -953,10 +951,8 @@ TEST_P(Delegate, NothingOfTheLinkAndTheInvocationIsLeftAtTheEnd) {
 TEST_P(Delegate, ANilInvocationReplacesTheKeptOne) {
   start();
   FakeInvocation* invocation = [[FakeInvocation new] autorelease];
-  [delegate updater:nil
-      shouldPostponeRelaunchForUpdate:item
-                        untilInvoking:static_cast<id>(invocation)];
-  [delegate updater:nil shouldPostponeRelaunchForUpdate:item untilInvoking:nil];
+  postpone(invocation);
+  postpone(nil);
   EXPECT_EQ([invocation retainCount], 1u);
   host::call(updater, "InvokeUpdate");
   auto raised = host::takeException();
@@ -972,11 +968,7 @@ TEST_P(Delegate, ARealInvocationRunsWhenTheHostProgramCompletesTheRelaunch) {
   [invocation setTarget:target];
   [invocation setSelector:@selector(invoke)];
   host::handle("MyUpdater", shouldPostpone, [](host::Event&) { return true; });
-  ASSERT_TRUE(fakes::onWorker([&] {
-    EXPECT_TRUE([delegate updater:nil
-        shouldPostponeRelaunchForUpdate:item
-                          untilInvoking:invocation]);
-  }));
+  ASSERT_TRUE(fakes::onWorker([&] { EXPECT_TRUE(postpone(invocation)); }));
   host::call(updater, "InvokeUpdate");
   EXPECT_THAT(fakes::received(), ElementsAre("invoke"));
 }
@@ -1188,7 +1180,7 @@ TEST_P(Delegate, EveryFailingMessageOfACallbackIsLoggedAndSwallowed) {
       [&] { [delegate pathToRelaunchForUpdater:nil]; },
       [&] { [delegate versionComparatorForUpdater:nil]; },
       [&] { [delegate bestValidUpdateInAppcast:appcast forUpdater:nil]; },
-      [&] { [delegate updater:nil shouldPostponeRelaunchForUpdate:item untilInvoking:nil]; },
+      [&] { postpone(nil); },
       [&] { reports[0].send(delegate, appcast); },
       [&] { reports[1].send(delegate, item); },
       [&] { reports[2].send(delegate, item); },

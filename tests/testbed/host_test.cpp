@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 extern "C" [[noreturn]] void __wrap_objc_exception_throw(void* object);
+extern "C" const void* CFRetain(const void* object);
 extern "C" void CFRelease(const void* object);
 
 namespace {
@@ -792,6 +793,26 @@ TEST(Throws, ComeOutOfMembersNatively) {
   EXPECT_EQ(result.thrown.object, thrownObject);
   EXPECT_EQ(result.thrown.text, "thrown");
   EXPECT_FALSE(host::callCatching(object, "half", 1.0f).thrown);
+}
+
+TEST(Throws, ComeOutOfAnOperationOnceAndInsteadOfItsWork) {
+  load();
+  makeThrown();
+  host::Object object = host::create("Thing");
+  lastText = buildString("abc");
+  CFRetain(thrownObject);
+  host::throwFromCall("REALLockString", thrownObject);
+  EXPECT_EQ(host::callCatching(object, "text as string").thrown.object, thrownObject);
+  EXPECT_TRUE(host::faultFired());
+  host::CallResult result = host::callCatching(object, "text as string");
+  EXPECT_FALSE(result.thrown);
+  EXPECT_EQ(host::bytes(result.value.as<host::String>()), "abc");
+
+  CFRetain(thrownObject);
+  host::throwFromCall("REALLockString", thrownObject);
+  host::clearFaults();
+  EXPECT_FALSE(host::callCatching(object, "text as string").thrown);
+  ask<void>("REALUnlockString", lastText);
 }
 
 TEST(Throws, OutOfDestructorsWaitForTheUnlock) {

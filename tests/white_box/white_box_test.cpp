@@ -37,6 +37,8 @@ namespace {
 bool runtimeRefuses;
 unsigned registeredPairs;
 CFIndex claimedLength; // of any string; 0 is the truth
+bool everyFileIsARoot; // of a volume, with a parent of sevens
+FSRef parentAskedFor;
 } // namespace
 
 extern "C" {
@@ -57,6 +59,17 @@ CFIndex CFStringGetLength(CFStringRef string) {
   auto* next =
       reinterpret_cast<decltype(&CFStringGetLength)>(dlsym(RTLD_NEXT, "CFStringGetLength"));
   return next(string);
+}
+OSErr FSGetCatalogInfo(const FSRef* ref, FSCatalogInfoBitmap which, FSCatalogInfo* info,
+                       HFSUniStr255* name, FSSpec* spec, FSRef* parent) {
+  auto* next = reinterpret_cast<decltype(&FSGetCatalogInfo)>(dlsym(RTLD_NEXT, "FSGetCatalogInfo"));
+  if (everyFileIsARoot && !info && !name && !spec) parentAskedFor = *ref;
+  OSErr result = next(ref, which, info, name, spec, parent);
+  if (everyFileIsARoot && parent) {
+    info->nodeID = 2;
+    memset(parent, 7, sizeof *parent);
+  }
+  return result;
 }
 }
 
@@ -502,6 +515,16 @@ TEST_F(WhiteBox, ANameShorterThanNothingIsEmpty) {
   EXPECT_TRUE(CFURL2RBFile(asURL(url)));
   claimedLength = 0;
   EXPECT_EQ(leafLength, 0);
+  send<void>(pool, "drain"_sel);
+}
+
+TEST_F(WhiteBox, TheParentOfAVolumesRootIsNoFileAtAll) {
+  id pool = send<id>(send<id>("NSAutoreleasePool"_class, "alloc"_sel), "init"_sel);
+  everyFileIsARoot = true;
+  memset(&parentAskedFor, 7, sizeof parentAskedFor);
+  CFURL2RBFile(asURL(send<id>("NSURL"_class, "fileURLWithPath:"_sel, "/"_ns)));
+  everyFileIsARoot = false;
+  EXPECT_THAT(parentAskedFor.hidden, testing::Each(0));
   send<void>(pool, "drain"_sel);
 }
 
