@@ -807,12 +807,16 @@ TEST(Throws, ComeOutOfAnOperationOnceAndInsteadOfItsWork) {
   host::CallResult result = host::callCatching(object, "text as string");
   EXPECT_FALSE(result.thrown);
   EXPECT_EQ(host::bytes(result.value.as<host::String>()), "abc");
+  ask<void>("REALUnlockString", lastText);
+  lastText = nullptr;
+  host::failCall("REALLockString");
+  EXPECT_FALSE(host::callCatching(object, "text as string").thrown) << "that call only fails";
 
   CFRetain(thrownObject);
   host::throwFromCall("REALLockString", thrownObject);
   host::clearFaults();
-  EXPECT_FALSE(host::callCatching(object, "text as string").thrown);
-  ask<void>("REALUnlockString", lastText);
+  host::failCall("REALLockString");
+  EXPECT_FALSE(host::callCatching(object, "text as string").thrown) << "nothing is left of it";
 }
 
 TEST(Throws, OutOfDestructorsWaitForTheUnlock) {
